@@ -1,0 +1,29 @@
+// The allocator underneath: jemalloc in the product, the C library's in sanitizer builds (so that
+// the sanitizers see every block). Only this adapter knows which; the rest of the library sees page
+// size, chunk size and size in use. Memory of one allocator is never given to another.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace nimbra::backend {
+
+// Null when there is nothing left. No exception, no trace, no accounting.
+void* allocate(size_t size);
+void release(void* block);
+// Bytes that the block really holds; at least what was requested.
+size_t usableSize(const void* block);
+
+uint64_t pageSize();
+// Bytes; a power of two.
+uint64_t chunkSize();
+// Bytes in use. Needs no lock and no refresh once prepareSizeInUse has run.
+uint64_t sizeInUse();
+// Brings what sizeInUse reads into being. Thread-safe, done once.
+void prepareSizeInUse();
+
+using StatisticsWriter = void (*)(void* opaque, const char* piece);
+// Passes the allocator's statistics report to `writer`, piece by piece.
+void printStatistics(StatisticsWriter writer, void* opaque, const char* options);
+
+}  // namespace nimbra::backend

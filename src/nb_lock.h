@@ -1,0 +1,109 @@
+// Every lock of the library: the order in which locks nest, and the wrappers that take them.
+//
+// The wrappers cost nothing in release builds: they are the pthread calls. Builds with
+// NIMBRA_CHECKS check each acquisition against the locks that the thread already holds and let
+// tests make any acquisition fail.
+#pragma once
+
+#include <pthread.h>
+
+#include <cstdint>
+
+#ifndef NIMBRA_CHECKS
+#define NIMBRA_CHECKS 0
+#endif
+
+namespace nimbra {
+
+// Outermost first: a thread may take a lock only while all that it holds have a lower rank.
+enum class LockRank : int {
+  map = 10,
+  bucketSet = 20,
+  queue = 30,
+  node = 40,
+};
+
+struct LockRankRow {
+  LockRank rank;
+  const char* name;
+  const char* protects;
+  const char* heldBefore;  // what the thread may hold when it takes the lock
+};
+
+// The one table of the lock order; docs/locking.md explains it.
+inline constexpr LockRankRow kLockRanks[] = {
+    {LockRank::map, "LuOffHeapMap::lock (read-write)",
+     "the map's queue list and count; writers of entries exclude each other with it", "nothing"},
+    {LockRank::bucketSet, "BucketSet::mutex",
+     "one stripe of the table: its chains, buckets, size, threshold; the value slot of its entries",
+     "the map lock; no other bucket set"},
+    {LockRank::queue, "LuOffHeapQueue::mutex",
+     "one queue: first, last, counts, bookmarks, and the prev and next links of its entries",
+     "the map lock, one bucket set; another queue only inside lockMapAndQueues (ascending)"},
+    {LockRank::node, "overflow_metadata (logical lock)",
+     "one entry's overflow node: where its value lives, its flags, its place in a list",
+     "all of the above"},
+};
+
+enum class LockOp { init, lock, readLock, writeLock, unlock };
+
+// How many locks of one rank the thread may hold at once.
+enum class Nesting { single, ascending };
+
+#if NIMBRA_CHECKS
+
+namespace faults {
+// Tests only. A non-zero answer is returned by the wrapper instead of doing the operation.
+extern int (*failLock)(LockRank rank, const void* lock, LockOp op);
+}  // namespace faults
+
+struct LockViolation {
+  LockRank taking;
+  const void* lock;
+  LockRank held;
+  const void* heldLock;
+};
+
+// Called when an acquisition breaks the order. The default prints both ranks and aborts.
+extern void (*lockViolationHandler)(const LockViolation& violation);
+
+// Number of locks that the calling thread holds through these wrappers.
+int heldLockCount();
+// REQUIRES-checks of internal functions: is this very lock held by the calling thread?
+bool holdsLock(const void* lock);
+
+int mutexInit(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes, LockRank rank);
+int mutexLock(pthread_mutex_t* mutex, LockRank rank, Nesting nesting = Nesting::single);
+int mutexUnlock(pthread_mutex_t* mutex, LockRank rank);
+int rwlockInit(pthread_rwlock_t* lock, LockRank rank);
+int rwlockRead(pthread_rwlock_t* lock, LockRank rank);
+int rwlockWrite(pthread_rwlock_t* lock, LockRank rank);
+int rwlockUnlock(pthread_rwlock_t* lock, LockRank rank);
+
+#else
+
+inline int mutexInit(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes, LockRank) {
+  return pthread_mutex_init(mutex, attributes);
+}
+inline int mutexLock(pthread_mutex_t* mutex, LockRank, Nesting = Nesting::single) {
+  return pthread_mutex_lock(mutex);
+}
+inline int mutexUnlock(pthread_mutex_t* mutex, LockRank) { return pthread_mutex_unlock(mutex); }
+inline int rwlockInit(pthread_rwlock_t* lock, LockRank) {
+  return pthread_rwlock_init(lock, nullptr);
+}
+inline int rwlockRead(pthread_rwlock_t* lock, LockRank) { return pthread_rwlock_rdlock(lock); }
+inline int rwlockWrite(pthread_rwlock_t* lock, LockRank) { return pthread_rwlock_wrlock(lock); }
+inline int rwlockUnlock(pthread_rwlock_t* lock, LockRank) { return pthread_rwlock_unlock(lock); }
+
+#endif
+
+}  // namespace nimbra
+
+// First statement of a function that needs a held lock; compiled out of release builds.
+#if NIMBRA_CHECKS
+#include <cassert>
+#define NB_REQUIRES_HELD(lockPointer) assert(::nimbra::holdsLock(lockPointer))
+#else
+#define NB_REQUIRES_HELD(lockPointer) ((void)0)
+#endif
