@@ -9,6 +9,8 @@
 # Headers are compared before they are replaced, so an edit of a Java method body rebuilds
 # nothing native.
 
+cmake_minimum_required(VERSION 3.25)
+
 set(fresh "${OUT}.new")
 set(classes "${OUT}.classes")
 file(REMOVE_RECURSE "${fresh}" "${classes}")
