@@ -1,0 +1,601 @@
+package com.velt.rz.corvane.nimbra;
+
+import com.velt.rz.corvane.io.offheap.impl.LuOffHeapMapImpl;
+import com.velt.rz.corvane.io.offheap.overflow.NotEnoughResourcesException;
+import com.velt.rz.corvane.io.offheap.util.PhantomWindows;
+import java.security.SecureRandom;
+import java.util.Objects;
+import java.util.concurrent.atomic.AtomicInteger;
+import java.util.concurrent.atomic.AtomicLong;
+import java.util.concurrent.locks.ReentrantLock;
+import java.util.function.BiConsumer;
+
+/**
+ * A map from byte arrays to byte arrays whose entries live outside the Java heap.
+ *
+ * <p>Keys and values are copied on the way in and on the way out; an array must not change while a call with it is under
+ * way. Keys have at most {@link #MAX_KEY_LENGTH} bytes, values at most the builder's {@link Builder#maximumValueLength};
+ * both may be empty, neither may be null.
+ *
+ * <p>The entries are spread over several native maps, the partitions, by a keyed hash with a random key for each map, so
+ * that writers seldom meet on a lock and chosen keys do not pile up in one place. {@link #put} and {@link #get} cross
+ * into native code once and make no garbage, apart from the array that {@code get} returns.
+ *
+ * <p>All methods may be called from any thread. A call on one key is atomic; {@link #size}, {@link #bytesUsed}, {@link
+ * #forEach} and {@link #clear} go through the partitions one after the other and are no snapshot while others write.
+ *
+ * <p>The map has to be closed: its memory is not the collector's. After {@link #close} every method but {@code close}
+ * and {@link #name} throws {@link IllegalStateException}, naming the map and the operation. A write for which the limits
+ * leave no memory throws {@link OffHeapMemoryException} and leaves the map as it was.
+ */
+public final class OffHeapMap implements AutoCloseable {
+    /** The greatest length of a key, in bytes: 65,535. */
+    public static final int MAX_KEY_LENGTH = 65_535;
+
+    /** The greatest length of a value, in bytes: 1 GiB, the most that one direct view spans. */
+    public static final int MAX_VALUE_LENGTH = PhantomWindows.MAX_LENGTH;
+
+    private static final int SCAN_FIELDS = 5;
+    private static final int SCAN_ENTRIES = 64;
+    private static final String REFUSAL = "All available memory is used";
+
+    private static final AtomicInteger MAPS_MADE = new AtomicInteger();
+    private static final SecureRandom RANDOM = new SecureRandom();
+
+    private final String name;
+    private final int maximumValueLength;
+    private final LuOffHeapMapImpl natives;
+
+    /** Native map of each partition. A handle is used only between entering and leaving the partition's gate. */
+    private final long[] handles;
+
+    private final int partitionShift;
+    private final int partitionMask;
+    private final long hashKey0;
+    private final long hashKey1;
+    private final PartitionGates gates;
+
+    /** Number of the latest write that began. */
+    private final AtomicLong revisions = new AtomicLong();
+
+    /** Serialises {@link #clear} and {@link #close}. No code of a caller runs while it is held. */
+    private final ReentrantLock lifecycle = new ReentrantLock();
+
+    /** Guarded by {@link #lifecycle}. */
+    private boolean closed;
+
+    private OffHeapMap(Builder options, String name, LuOffHeapMapImpl natives, long[] handles) {
+        this.name = name;
+        this.maximumValueLength = options.maximumValueLength;
+        this.natives = natives;
+        this.handles = handles;
+        this.partitionShift = Long.SIZE - Integer.numberOfTrailingZeros(handles.length);
+        this.partitionMask = handles.length - 1;
+        this.hashKey0 = RANDOM.nextLong();
+        this.hashKey1 = RANDOM.nextLong();
+        this.gates = new PartitionGates(name, handles.length);
+    }
+
+    /** Returns a builder with the default options. */
+    public static Builder builder() {
+        return new Builder();
+    }
+
+    /** Returns the name that messages use for this map; also after {@link #close}. */
+    public String name() {
+        return name;
+    }
+
+    /** Returns the number of partitions. */
+    int partitions() {
+        return handles.length;
+    }
+
+    /**
+     * Stores the value, whether or not the key is present.
+     *
+     * @return true when the key was new, false when its value was replaced
+     * @throws NullPointerException when the key or the value is null
+     * @throws IllegalArgumentException when the key or the value is too long
+     * @throws OffHeapMemoryException when memory was refused; the map is as it was
+     * @throws IllegalStateException when the map is closed
+     */
+    public boolean put(byte[] key, byte[] value) {
+        checkKey(key);
+        checkValue(value);
+        long hash = hash(key);
+        int partition = partition(hash);
+        int outcome;
+        gates.enter(partition, "put");
+        try {
+            outcome = MapNatives.put(handles[partition], key, (int) hash, value, revisions.incrementAndGet());
+        } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
+            throw refused(describe("put", key, value), e);
+        } finally {
+            gates.exit(partition);
+        }
+        return succeeded(outcome, "put", key, value);
+    }
+
+    /**
+     * Stores the value unless the key is present.
+     *
+     * @return true when the value was stored, false when the key was present
+     * @throws NullPointerException when the key or the value is null
+     * @throws IllegalArgumentException when the key or the value is too long
+     * @throws OffHeapMemoryException when memory was refused; the map is as it was
+     * @throws IllegalStateException when the map is closed
+     */
+    public boolean putIfAbsent(byte[] key, byte[] value) {
+        checkKey(key);
+        checkValue(value);
+        long hash = hash(key);
+        int partition = partition(hash);
+        int outcome;
+        gates.enter(partition, "putIfAbsent");
+        try {
+            outcome = MapNatives.putIfAbsent(handles[partition], key, (int) hash, value, revisions.incrementAndGet());
+        } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
+            throw refused(describe("putIfAbsent", key, value), e);
+        } finally {
+            gates.exit(partition);
+        }
+        return succeeded(outcome, "putIfAbsent", key, value);
+    }
+
+    /**
+     * Replaces the value of a key that is present.
+     *
+     * @return true when the value was replaced, false when the key was absent
+     * @throws NullPointerException when the key or the value is null
+     * @throws IllegalArgumentException when the key or the value is too long
+     * @throws OffHeapMemoryException when memory was refused; the map is as it was
+     * @throws IllegalStateException when the map is closed
+     */
+    public boolean replace(byte[] key, byte[] value) {
+        checkKey(key);
+        checkValue(value);
+        long hash = hash(key);
+        int partition = partition(hash);
+        int outcome;
+        gates.enter(partition, "replace");
+        try {
+            outcome = MapNatives.replace(handles[partition], key, (int) hash, value, revisions.incrementAndGet());
+        } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
+            throw refused(describe("replace", key, value), e);
+        } finally {
+            gates.exit(partition);
+        }
+        return succeeded(outcome, "replace", key, value);
+    }
+
+    /**
+     * Copies the value of a key.
+     *
+     * @return a new array that belongs to the caller, or null when the key is absent
+     * @throws NullPointerException when the key is null
+     * @throws IllegalArgumentException when the key is too long
+     * @throws IllegalStateException when the map is closed
+     */
+    public byte[] get(byte[] key) {
+        checkKey(key);
+        long hash = hash(key);
+        int partition = partition(hash);
+        gates.enter(partition, "get");
+        try {
+            return MapNatives.get(handles[partition], key, (int) hash);
+        } finally {
+            gates.exit(partition);
+        }
+    }
+
+    /**
+     * Pins the value of a key, to be read where it stands.
+     *
+     * @return the value with one pin that the caller drops through {@link PinnedValue#close}, or null when the key is
+     *     absent
+     * @throws NullPointerException when the key is null
+     * @throws IllegalArgumentException when the key is too long
+     * @throws IllegalStateException when the map is closed
+     */
+    public PinnedValue pin(byte[] key) {
+        checkKey(key);
+        long hash = hash(key);
+        int partition = partition(hash);
+        long[] info = new long[3];
+        long handle;
+        gates.enter(partition, "pin");
+        try {
+            handle = MapNatives.pin(handles[partition], key, (int) hash, info);
+        } finally {
+            gates.exit(partition);
+        }
+        return handle == 0 ? null : PinnedValue.adopt(handle, info);
+    }
+
+    /**
+     * Removes a key and its value. Memory that a {@link PinnedValue} still shows is freed when that is closed.
+     *
+     * @return true when the key was present
+     * @throws NullPointerException when the key is null
+     * @throws IllegalArgumentException when the key is too long
+     * @throws IllegalStateException when the map is closed
+     */
+    public boolean remove(byte[] key) {
+        checkKey(key);
+        long hash = hash(key);
+        int partition = partition(hash);
+        int outcome;
+        gates.enter(partition, "remove");
+        try {
+            outcome = MapNatives.remove(handles[partition], key, (int) hash);
+        } finally {
+            gates.exit(partition);
+        }
+        if (outcome < 0) {
+            throw lockFailure("remove");
+        }
+        return outcome == 1;
+    }
+
+    /**
+     * Returns whether a key is present.
+     *
+     * @throws NullPointerException when the key is null
+     * @throws IllegalArgumentException when the key is too long
+     * @throws IllegalStateException when the map is closed
+     */
+    public boolean containsKey(byte[] key) {
+        checkKey(key);
+        long hash = hash(key);
+        int partition = partition(hash);
+        gates.enter(partition, "containsKey");
+        try {
+            return MapNatives.containsKey(handles[partition], key, (int) hash);
+        } finally {
+            gates.exit(partition);
+        }
+    }
+
+    /**
+     * Returns the number of entries.
+     *
+     * @throws IllegalStateException when the map is closed
+     */
+    public long size() {
+        long entries = 0;
+        for (int partition = 0; partition < handles.length; partition++) {
+            long counted = size(partition);
+            if (counted < 0) {
+                throw lockFailure("size");
+            }
+            entries += counted;
+        }
+        return entries;
+    }
+
+    /** Returns the number of entries of one partition, or -1 when a lock failed. */
+    long size(int partition) {
+        gates.enter(partition, "size");
+        try {
+            return natives.size(handles[partition]);
+        } finally {
+            gates.exit(partition);
+        }
+    }
+
+    /**
+     * Returns the bytes that the entries hold: their keys, their values and their records, without the tables.
+     *
+     * @throws IllegalStateException when the map is closed
+     */
+    public long bytesUsed() {
+        long bytes = 0;
+        for (int partition = 0; partition < handles.length; partition++) {
+            gates.enter(partition, "bytesUsed");
+            try {
+                bytes += natives.getCurrentBytesUsed(handles[partition]);
+            } finally {
+                gates.exit(partition);
+            }
+        }
+        return bytes;
+    }
+
+    /**
+     * Hands a copy of every entry to the consumer, on the calling thread. An entry that is present during the whole walk
+     * is handed over exactly once; one that comes, changes or goes meanwhile may or may not be, in its old state or its
+     * new one. No lock is held while the consumer runs, so it may use this map, and close it.
+     *
+     * @param consumer receives key and value in arrays of its own; what it throws ends the walk and is passed on
+     * @throws IllegalStateException when the map is closed, before the walk or during it
+     */
+    public void forEach(BiConsumer<? super byte[], ? super byte[]> consumer) {
+        Objects.requireNonNull(consumer, "consumer");
+        long[] found = new long[SCAN_ENTRIES * SCAN_FIELDS];
+        long[] cursor = new long[2];
+        for (int partition = 0; partition < handles.length; partition++) {
+            cursor[0] = 0;
+            cursor[1] = 0;
+            while (cursor[0] != -1) {
+                int count = scan(partition, cursor, found);
+                if (count < 0) {
+                    found = new long[Math.multiplyExact(-count, SCAN_FIELDS)];
+                } else {
+                    handOver(found, count, consumer);
+                }
+            }
+        }
+    }
+
+    private int scan(int partition, long[] cursor, long[] found) {
+        gates.enter(partition, "forEach");
+        try {
+            return MapNatives.scan(handles[partition], cursor, found);
+        } finally {
+            gates.exit(partition);
+        }
+    }
+
+    /** Passes scanned entries on and drops their pins, whatever happens in between. */
+    private static void handOver(long[] found, int count, BiConsumer<? super byte[], ? super byte[]> consumer) {
+        try {
+            for (int entry = 0; entry < count; entry++) {
+                int at = entry * SCAN_FIELDS;
+                byte[] key = copy(found[at], found[at + 1]);
+                byte[] value = copy(found[at + 2], found[at + 3]);
+                consumer.accept(key, value);
+            }
+        } finally {
+            if (count > 0) {
+                MapNatives.unpinAll(found, 0, count);
+            }
+        }
+    }
+
+    private static byte[] copy(long address, long length) {
+        byte[] bytes = new byte[Math.toIntExact(length)];
+        PhantomWindows.copy(address, bytes, 0, bytes.length);
+        return bytes;
+    }
+
+    /**
+     * Removes all entries, partition by partition: each is emptied while no other call is inside it, and calls that come
+     * meanwhile wait. Pinned values stay as they are.
+     *
+     * @throws IllegalStateException when the map is closed
+     */
+    public void clear() {
+        lifecycle.lock();
+        try {
+            if (closed) {
+                throw gates.closed("clear");
+            }
+            boolean cleared = true;
+            for (int partition = 0; partition < handles.length; partition++) {
+                gates.exclude(partition);
+                try {
+                    cleared &= natives.clear(handles[partition]);
+                } finally {
+                    gates.readmit(partition);
+                }
+            }
+            if (!cleared) {
+                throw lockFailure("clear");
+            }
+        } finally {
+            lifecycle.unlock();
+        }
+    }
+
+    /**
+     * Waits for the calls that are inside the map to leave, removes all entries and frees the map's memory. Pinned values
+     * stay readable until they are closed themselves. Further calls do nothing, except that they return only when the
+     * map is closed.
+     */
+    @Override
+    public void close() {
+        lifecycle.lock();
+        try {
+            if (closed) {
+                return;
+            }
+            closed = true;
+            for (int partition = 0; partition < handles.length; partition++) {
+                gates.close(partition);
+            }
+            if (!release(natives, handles, handles.length)) {
+                throw lockFailure("close");
+            }
+        } finally {
+            lifecycle.unlock();
+        }
+    }
+
+    /** Clears and deletes the first {@code count} native maps; returns false when a lock failed on the way. */
+    private static boolean release(LuOffHeapMapImpl natives, long[] handles, int count) {
+        boolean released = true;
+        for (int partition = 0; partition < count; partition++) {
+            released &= natives.clear(handles[partition]);
+            released &= natives.deleteLuOffHeapMap(handles[partition]);
+        }
+        return released;
+    }
+
+    @Override
+    public String toString() {
+        return "OffHeapMap[" + name + "]";
+    }
+
+    private long hash(byte[] key) {
+        return SipHash.hash13(hashKey0, hashKey1, key);
+    }
+
+    /** The high bits choose the partition, so that they say nothing about the low 32, which place the key inside it. */
+    private int partition(long hash) {
+        return (int) (hash >>> partitionShift) & partitionMask;
+    }
+
+    private static void checkKey(byte[] key) {
+        Objects.requireNonNull(key, "key");
+        if (key.length > MAX_KEY_LENGTH) {
+            throw new IllegalArgumentException("key has " + key.length + " bytes, at most " + MAX_KEY_LENGTH);
+        }
+    }
+
+    private void checkValue(byte[] value) {
+        Objects.requireNonNull(value, "value");
+        if (value.length > maximumValueLength) {
+            throw new IllegalArgumentException("value has " + value.length + " bytes, at most " + maximumValueLength);
+        }
+    }
+
+    private boolean succeeded(int outcome, String operation, byte[] key, byte[] value) {
+        if (outcome < 0) {
+            throw OffHeapMemoryException.refused(describe(operation, key, value), null);
+        }
+        return outcome == 1;
+    }
+
+    /**
+     * Turns what a native raised into the exception of this face where it was a refusal, and passes it on as it is where
+     * it was not: natives raise the same classes for locks that fail, and the heap runs out with the same class too.
+     */
+    private static RuntimeException refused(String what, Throwable raised) {
+        String text = raised.getMessage();
+        if (raised instanceof NotEnoughResourcesException || text != null && text.contains(REFUSAL)) {
+            return OffHeapMemoryException.refused(what, raised);
+        }
+        if (raised instanceof Error error) {
+            throw error;
+        }
+        return (RuntimeException) raised;
+    }
+
+    private String describe(String operation, byte[] key, byte[] value) {
+        return operation + " on map \"" + name + "\" with a key of " + key.length + " bytes and a value of "
+                + value.length + " bytes";
+    }
+
+    private IllegalStateException lockFailure(String operation) {
+        return new IllegalStateException("map \"" + name + "\": a native lock failed during " + operation);
+    }
+
+    /** The options of a map. Not thread safe. */
+    public static final class Builder {
+        private static final int MAX_PARTITIONS = 4_096;
+        private static final int MAX_BUCKET_SETS = 65_536;
+        private static final float MAX_LOAD_FACTOR = 64;
+
+        private String name;
+        private int partitions = defaultPartitions(Runtime.getRuntime().availableProcessors());
+        private int bucketSets = 16;
+        private float loadFactor = 0.75f;
+        private int maximumValueLength = MAX_VALUE_LENGTH;
+
+        private Builder() {}
+
+        /** Sets the name that messages use; "map-" and a number by default. */
+        public Builder name(String name) {
+            this.name = Objects.requireNonNull(name, "name");
+            return this;
+        }
+
+        /**
+         * Sets the number of partitions, rounded up to a power of two. By default four for each processor, but at least
+         * 16 and at most 256.
+         *
+         * @param count 1 to 4,096
+         */
+        public Builder partitions(int count) {
+            checkRange("partitions", count, MAX_PARTITIONS);
+            partitions = roundUp(count);
+            return this;
+        }
+
+        /**
+         * Sets how many parts of a partition can be locked independently, rounded up to a power of two; 16 by default.
+         *
+         * @param count 1 to 65,536
+         */
+        public Builder bucketSets(int count) {
+            checkRange("bucketSets", count, MAX_BUCKET_SETS);
+            bucketSets = roundUp(count);
+            return this;
+        }
+
+        /**
+         * Sets the entries a bucket at which a table grows; 0.75 by default.
+         *
+         * @param entries above 0, at most 64
+         */
+        public Builder loadFactor(float entries) {
+            if (!(entries > 0 && entries <= MAX_LOAD_FACTOR)) {
+                throw new IllegalArgumentException(
+                        "loadFactor is " + entries + ", has to be above 0 and at most " + MAX_LOAD_FACTOR);
+            }
+            loadFactor = entries;
+            return this;
+        }
+
+        /**
+         * Sets the greatest length of a value; {@link OffHeapMap#MAX_VALUE_LENGTH} by default.
+         *
+         * @param bytes 1 to {@link OffHeapMap#MAX_VALUE_LENGTH}
+         */
+        public Builder maximumValueLength(int bytes) {
+            checkRange("maximumValueLength", bytes, MAX_VALUE_LENGTH);
+            maximumValueLength = bytes;
+            return this;
+        }
+
+        /**
+         * Creates the map.
+         *
+         * @throws IllegalStateException when {@link Nimbra} is not started
+         * @throws OffHeapMemoryException when the limits leave no room for it
+         */
+        public OffHeapMap build() {
+            Nimbra.get();
+            int id = MAPS_MADE.incrementAndGet();
+            String mapName = name != null ? name : "map-" + id;
+            LuOffHeapMapImpl natives = new LuOffHeapMapImpl();
+            long[] handles = new long[partitions];
+            int made = 0;
+            boolean complete = false;
+            String what = "creating map \"" + mapName + "\" with " + partitions + " partitions";
+            try {
+                for (; made < partitions; made++) {
+                    handles[made] = natives.allocateLuOffHeapMap(0, bucketSets, loadFactor, id, 0);
+                    if (handles[made] == 0) {
+                        throw OffHeapMemoryException.refused(what, null);
+                    }
+                }
+                OffHeapMap map = new OffHeapMap(this, mapName, natives, handles);
+                complete = true;
+                return map;
+            } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
+                throw refused(what, e);
+            } finally {
+                if (!complete) {
+                    release(natives, handles, made);
+                }
+            }
+        }
+
+        static int defaultPartitions(int processors) {
+            return Math.min(256, Math.max(16, roundUp(4 * Math.min(processors, 64))));
+        }
+
+        private static int roundUp(int count) {
+            return count == 1 ? 1 : Integer.highestOneBit(count - 1) << 1;
+        }
+
+        private static void checkRange(String option, int value, int greatest) {
+            if (value < 1 || value > greatest) {
+                throw new IllegalArgumentException(
+                        option + " is " + value + ", has to be at least 1 and at most " + greatest);
+            }
+        }
+    }
+}
