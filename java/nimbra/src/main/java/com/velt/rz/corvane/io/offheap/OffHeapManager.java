@@ -16,6 +16,9 @@ public class OffHeapManager {
         NativeLoader.load();
     }
 
+    /** Makes an object without state: all of them share the one native library. */
+    public OffHeapManager() {}
+
     /**
      * Starts the library: fetches the trace level, sets the limits and caches the Java methods that native code calls
      * back. Meant to run once, on one thread, before any other native; a second call overwrites the limits.
@@ -26,7 +29,8 @@ public class OffHeapManager {
      * @param isDiskOverflowEnabled whether values may be moved to disk by the Java side
      * @return false when a part of the start-up failed; the exception that says why may then be pending
      */
-    public native boolean initializeOffHeap(long max, long trimThreshold, long mmapThreshold, boolean isDiskOverflowEnabled);
+    public native boolean initializeOffHeap(
+            long max, long trimThreshold, long mmapThreshold, boolean isDiskOverflowEnabled);
 
     /**
      * Writes a trace record. Nothing is released: memory is returned by dropping pins, never by this call.
@@ -35,25 +39,20 @@ public class OffHeapManager {
      */
     public native boolean finalizeOffHeap();
 
-    /**
-     * Returns the build string of the native library.
-     */
+    /** Returns the build string of the native library. */
     public native String getLibraryVersion();
 
     /**
-     * Makes native code fetch the level word from {@link com.velt.rz.corvane.io.offheap.util.OffHeapLogger#getLogLevel()}
-     * again. A level changed in Java takes effect in native code only through this call or a new start.
+     * Makes native code fetch the level word from {@link
+     * com.velt.rz.corvane.io.offheap.util.OffHeapLogger#getLogLevel()} again. A level changed in Java takes effect in
+     * native code only through this call or a new start.
      */
     public native void setLogLevel();
 
-    /**
-     * Returns the physical memory of the machine in bytes.
-     */
+    /** Returns the physical memory of the machine in bytes. */
     public native long getSystemTotalMemory();
 
-    /**
-     * Returns the maximum in bytes; 0 before the library was initialised.
-     */
+    /** Returns the maximum in bytes; 0 before the library was initialised. */
     public native long getCurrentMaxOffHeapSize();
 
     /**
@@ -64,9 +63,7 @@ public class OffHeapManager {
      */
     public native long setCurrentMaxOffHeapSize(long max);
 
-    /**
-     * Returns the number of live native blocks, internal records included.
-     */
+    /** Returns the number of live native blocks, internal records included. */
     public native long getAllocatingCountInOffHeap();
 
     /**
@@ -74,9 +71,7 @@ public class OffHeapManager {
      */
     public native long getAllocatingSizeInOffHeap();
 
-    /**
-     * Returns the bytes that the library uses for its own structures: tables, queues, iterator buffers.
-     */
+    /** Returns the bytes that the library uses for its own structures: tables, queues, iterator buffers. */
     public native long getAllocatingInternalMetadataSize();
 
     /**
@@ -87,15 +82,14 @@ public class OffHeapManager {
      */
     public native void setInternalTracking(boolean on);
 
-    /**
-     * Returns the allocator's full statistics report as text.
-     */
+    /** Returns the allocator's full statistics report as text. */
     public native String getJemallocStats();
 
     /**
      * Allocates a pinned native block and wraps its data area.
      *
-     * @param size length of the data area in bytes; for kind 4 the length of a stored image, 24 bytes more than the data
+     * @param size length of the data area in bytes; for kind 4 the length of a stored image, 24 bytes more than the
+     *     data
      * @param unchecked non-zero skips every limit
      * @param kind 0 plain, 1 key, 2 value, 3 revision-query result, 4 value read back from disk
      * @return a direct buffer whose block holds one pin that the caller owns (kind 3: no pin, released only by {@link
@@ -133,8 +127,8 @@ public class OffHeapManager {
     public native long unpin_native(long address, int reason);
 
     /**
-     * Drops one pin of the block behind a buffer; the block is freed when it was the last. The buffer object must not be
-     * used afterwards.
+     * Drops one pin of the block behind a buffer; the block is freed when it was the last. The buffer object must not
+     * be used afterwards.
      *
      * @param buffer a buffer allocated by {@link #allocateDirectFromOffHeap}
      * @param reason names the holder in traces; has no other effect
@@ -221,24 +215,19 @@ public class OffHeapManager {
      */
     public native ByteBuffer allocatePhantom(long address);
 
-    /**
-     * Returns the reported size of a block's header record in bytes. Data begins 24 bytes after the header's start.
-     */
+    /** Returns the reported size of a block's header record in bytes. Data begins 24 bytes after the header's start. */
     public native int getSize_ByteBufferHeader();
 
     /**
-     * Size of the pin count in bytes. The library exports it under a C++ name only: a call throws {@link UnsatisfiedLinkError}.
+     * Size of the pin count in bytes. The library exports it under a C++ name only: a call throws {@link
+     * UnsatisfiedLinkError}.
      */
     public static native int getSize_Pinnable();
 
-    /**
-     * Writes the report of recorded pins and unpins to the trace.
-     */
+    /** Writes the report of recorded pins and unpins to the trace. */
     public native void pinTrack();
 
-    /**
-     * Returns the size in bytes of the default hash table entry.
-     */
+    /** Returns the size in bytes of the default hash table entry. */
     public static native int getSize_DefaultEntry();
 
     /**
@@ -257,14 +246,10 @@ public class OffHeapManager {
      */
     public native long getOriginalLuValue(long value);
 
-    /**
-     * Returns the size of an entry record in bytes, which depends on whether disk overflow is on.
-     */
+    /** Returns the size of an entry record in bytes, which depends on whether disk overflow is on. */
     public native int getSize_LuValue();
 
-    /**
-     * Returns 1.
-     */
+    /** Returns 1. */
     public native int getSize_PerEntryMetadata();
 
     /**
@@ -304,8 +289,6 @@ public class OffHeapManager {
      */
     public native int unpinLuEvictionData_native(long record, int reason);
 
-    /**
-     * Writes the collected timing samples to the trace.
-     */
+    /** Writes the collected timing samples to the trace. */
     public native void printProfileStats();
 }

@@ -3,8 +3,8 @@ package com.velt.rz.corvane.io.offheap.impl;
 import java.nio.ByteBuffer;
 
 /**
- * Gives keys of type tag 100 their meaning. Both methods run inside a native call with the key's bucket set locked: they
- * must not call a map. An exception is logged and counts as no match. Implementations are safe for use by several
+ * Gives keys of type tag 100 their meaning. Both methods run inside a native call with the key's bucket set locked:
+ * they must not call a map. An exception is logged and counts as no match. Implementations are safe for use by several
  * threads.
  */
 public interface KeyCodec {
@@ -19,7 +19,10 @@ public interface KeyCodec {
         public boolean matches(Object key, ByteBuffer stored) {
             // A key is the whole block, wherever its user has moved the position.
             return key instanceof ByteBuffer
-                    && ((ByteBuffer) key).duplicate().clear().equals(stored.duplicate().clear());
+                    && ((ByteBuffer) key)
+                            .duplicate()
+                            .clear()
+                            .equals(stored.duplicate().clear());
         }
     };
 

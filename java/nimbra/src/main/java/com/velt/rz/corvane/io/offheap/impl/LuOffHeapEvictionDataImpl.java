@@ -4,13 +4,16 @@ import com.velt.rz.corvane.io.offheap.util.NativeLoader;
 import java.nio.ByteBuffer;
 
 /**
- * Natives over eviction records: what an evictor knows about one entry. A record pins the entry's key, is itself pinned by
- * its holders, and dies with its last pin. Only the pin count is safe to change from several threads at once.
+ * Natives over eviction records: what an evictor knows about one entry. A record pins the entry's key, is itself pinned
+ * by its holders, and dies with its last pin. Only the pin count is safe to change from several threads at once.
  */
 public class LuOffHeapEvictionDataImpl {
     static {
         NativeLoader.load();
     }
+
+    /** Makes an object without state: records are named by their addresses. */
+    public LuOffHeapEvictionDataImpl() {}
 
     /**
      * Creates an eviction record that pins the key.

@@ -3,13 +3,16 @@ package com.velt.rz.corvane.io.offheap.impl;
 import com.velt.rz.corvane.io.offheap.util.NativeLoader;
 
 /**
- * Natives common to the queues of eviction records. A queue is a handle that natives do not check. Each native holds the
- * queue's mutex while it works, except {@link #getQueueCount}.
+ * Natives common to the queues of eviction records. A queue is a handle that natives do not check. Each native holds
+ * the queue's mutex while it works, except {@link #getQueueCount}.
  */
 public class LuOffHeapEvictionQueue {
     static {
         NativeLoader.load();
     }
+
+    /** Makes an object without state: queues are named by their handles. */
+    public LuOffHeapEvictionQueue() {}
 
     /**
      * Creates an empty queue.

@@ -2,13 +2,14 @@ package com.velt.rz.corvane.io.offheap.impl;
 
 import com.velt.rz.corvane.io.offheap.util.NativeLoader;
 
-/**
- * A queue in order of the number of uses: the head is the least frequently used record.
- */
+/** A queue in order of the number of uses: the head is the least frequently used record. */
 public class LuOffHeapLFUEvictionQueue extends LuOffHeapEvictionQueue {
     static {
         NativeLoader.load();
     }
+
+    /** Makes an object without state: queues are named by their handles. */
+    public LuOffHeapLFUEvictionQueue() {}
 
     /**
      * Inserts a record by its number of uses.

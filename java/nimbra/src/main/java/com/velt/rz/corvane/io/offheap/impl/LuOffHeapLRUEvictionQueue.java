@@ -2,13 +2,14 @@ package com.velt.rz.corvane.io.offheap.impl;
 
 import com.velt.rz.corvane.io.offheap.util.NativeLoader;
 
-/**
- * A queue in order of use: the head is the least recently used record.
- */
+/** A queue in order of use: the head is the least recently used record. */
 public class LuOffHeapLRUEvictionQueue extends LuOffHeapEvictionQueue {
     static {
         NativeLoader.load();
     }
+
+    /** Makes an object without state: queues are named by their handles. */
+    public LuOffHeapLRUEvictionQueue() {}
 
     /**
      * Appends a record as the most recently used.

@@ -9,12 +9,16 @@ import java.util.Objects;
  * Natives over hash maps of native entries, and the callbacks with which native code compares keys that only Java
  * understands.
  *
- * <p>A map is a handle: the address of a native record. Natives do not check handles, and a handle must not be used once
- * {@link #deleteLuOffHeapMap} was called. Every native may be called from any thread; inserts and updates of one map
- * exclude each other, lookups and removals lock only the key's bucket set.
+ * <p>A map is a handle: the address of a native record. Natives do not check handles, and a handle must not be used
+ * once {@link #deleteLuOffHeapMap} was called. Every native may be called from any thread; inserts and updates of one
+ * map exclude each other, lookups and removals lock only the key's bucket set.
  *
  * <p>Every entry that a native returns carries one pin for the caller, dropped with {@link
  * com.velt.rz.corvane.io.offheap.OffHeapManager#unpinLuOffHeapValue_native}.
+ *
+ * <p>A number key is stored as its bytes in native order, a float or double as its IEEE bit pattern, under the type tag
+ * of its Java type. A lookup by number finds it from any number type that has the same value. No lookup finds a boolean
+ * key, so none can be updated.
  */
 public class LuOffHeapMapImpl {
     static {
@@ -98,14 +102,18 @@ public class LuOffHeapMapImpl {
     public native long maxSize(long map);
 
     /**
-     * Creates an entry record outside any map. The library exports it under a C++ name only: a call throws {@link UnsatisfiedLinkError}.
+     * Creates an entry record outside any map. The library exports it under a C++ name only: a call throws {@link
+     * UnsatisfiedLinkError}.
      */
-    public native long allocateLuOffHeapMapValue(ByteBuffer key, ByteBuffer value, short revisionOwner, long revisionNumber);
+    public native long allocateLuOffHeapMapValue(
+            ByteBuffer key, ByteBuffer value, short revisionOwner, long revisionNumber);
 
     /**
-     * Creates an entry record outside any map, with a given hash code. The library exports it under a C++ name only: a call throws {@link UnsatisfiedLinkError}.
+     * Creates an entry record outside any map, with a given hash code. The library exports it under a C++ name only: a
+     * call throws {@link UnsatisfiedLinkError}.
      */
-    public native long allocateLuOffHeapMapValueWithHashCode(ByteBuffer key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    public native long allocateLuOffHeapMapValueWithHashCode(
+            ByteBuffer key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
     /**
      * Inserts an entry under a key buffer, hashed natively over its bytes. Nothing changes when the key exists.
@@ -117,7 +125,8 @@ public class LuOffHeapMapImpl {
      * @param revisionNumber place of the entry in that queue
      * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
      */
-    public native long insertAndGetNewAndPin(long map, ByteBuffer key, ByteBuffer value, short revisionOwner, long revisionNumber);
+    public native long insertAndGetNewAndPin(
+            long map, ByteBuffer key, ByteBuffer value, short revisionOwner, long revisionNumber);
 
     /**
      * Inserts an entry under a key buffer, with the given hash code. Nothing changes when the key exists.
@@ -130,7 +139,8 @@ public class LuOffHeapMapImpl {
      * @param revisionNumber place of the entry in that queue
      * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
      */
-    public native long insertAndGetNewAndPinWithHashCode(long map, ByteBuffer key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    public native long insertAndGetNewAndPinWithHashCode(
+            long map, ByteBuffer key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
     /**
      * Inserts an entry under a byte array, with the given hash code. Nothing changes when the key exists.
@@ -146,7 +156,17 @@ public class LuOffHeapMapImpl {
      * @param revisionNumber place of the entry in that queue
      * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
      */
-    public native long insertAndGetNewAndPinWithHashCodeAndBA(long map, byte[] key, int keyLength, byte keyType, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    public native long insertAndGetNewAndPinWithHashCodeAndBA(
+            long map,
+            byte[] key,
+            int keyLength,
+            byte keyType,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
     /**
      * Inserts an entry under a string, with the given hash code. Nothing changes when the key exists.
@@ -160,7 +180,15 @@ public class LuOffHeapMapImpl {
      * @param revisionNumber place of the entry in that queue
      * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
      */
-    public native long insertAndGetNewAndPinWithHashCodeAndString(long map, String key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    public native long insertAndGetNewAndPinWithHashCodeAndString(
+            long map,
+            String key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
     /**
      * Inserts an entry under a string, with the given hash code. Nothing changes when the key exists.
@@ -172,22 +200,27 @@ public class LuOffHeapMapImpl {
      * @param revisionNumber place of the entry in that queue
      * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
      */
-    public native long insertAndGetNewAndPinWithHashCodeAndStringBB(long map, String key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    public native long insertAndGetNewAndPinWithHashCodeAndStringBB(
+            long map, String key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
     /**
-     * Replaces value and revision of the entry under a key buffer, hashed natively over its bytes. The previous state is handed to the caller.
+     * Replaces value and revision of the entry under a key buffer, hashed natively over its bytes. The previous state
+     * is handed to the caller.
      *
      * @param map handle
      * @param key buffer of this library
      * @param value buffer of this library; the entry keeps a pin of its own
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
+     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is
+     *     no such key, memory was refused or a lock failed
      */
-    public native long updateAndGetNewAndPin(long map, ByteBuffer key, ByteBuffer value, short revisionOwner, long revisionNumber);
+    public native long updateAndGetNewAndPin(
+            long map, ByteBuffer key, ByteBuffer value, short revisionOwner, long revisionNumber);
 
     /**
-     * Replaces value and revision of the entry under a key buffer, with the given hash code. The previous state is handed to the caller.
+     * Replaces value and revision of the entry under a key buffer, with the given hash code. The previous state is
+     * handed to the caller.
      *
      * @param map handle
      * @param key buffer of this library
@@ -195,24 +228,30 @@ public class LuOffHeapMapImpl {
      * @param value buffer of this library; the entry keeps a pin of its own
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
+     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is
+     *     no such key, memory was refused or a lock failed
      */
-    public native long updateAndGetNewAndPinWithHashCode(long map, ByteBuffer key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    public native long updateAndGetNewAndPinWithHashCode(
+            long map, ByteBuffer key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
     /**
-     * Replaces value and revision of the entry under a byte array, with the given hash code. The previous state is handed to the caller.
+     * Replaces value and revision of the entry under a byte array, with the given hash code. The previous state is
+     * handed to the caller.
      *
      * @param map handle
      * @param hashCode hash code of the key
      * @param value buffer of this library; the entry keeps a pin of its own
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
+     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is
+     *     no such key, memory was refused or a lock failed
      */
-    public native long updateAndGetNewAndPinWithHashCodeBA(long map, byte[] key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    public native long updateAndGetNewAndPinWithHashCodeBA(
+            long map, byte[] key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
     /**
-     * Replaces value and revision of the entry under a byte array, with the given hash code. The previous state is handed to the caller.
+     * Replaces value and revision of the entry under a byte array, with the given hash code. The previous state is
+     * handed to the caller.
      *
      * @param map handle
      * @param hashCode hash code of the key
@@ -221,24 +260,37 @@ public class LuOffHeapMapImpl {
      * @param valueType type tag of the stored value
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
+     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is
+     *     no such key, memory was refused or a lock failed
      */
-    public native long updateAndGetNewAndPinWithHashCodeBABA(long map, byte[] key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    public native long updateAndGetNewAndPinWithHashCodeBABA(
+            long map,
+            byte[] key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
     /**
-     * Replaces value and revision of the entry under a string, with the given hash code. The previous state is handed to the caller.
+     * Replaces value and revision of the entry under a string, with the given hash code. The previous state is handed
+     * to the caller.
      *
      * @param map handle
      * @param hashCode hash code of the key
      * @param value buffer of this library; the entry keeps a pin of its own
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
+     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is
+     *     no such key, memory was refused or a lock failed
      */
-    public native long updateAndGetNewAndPinWithHashCodeStringBB(long map, String key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    public native long updateAndGetNewAndPinWithHashCodeStringBB(
+            long map, String key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
     /**
-     * Replaces value and revision of the entry under a string, with the given hash code. The previous state is handed to the caller.
+     * Replaces value and revision of the entry under a string, with the given hash code. The previous state is handed
+     * to the caller.
      *
      * @param map handle
      * @param hashCode hash code of the key
@@ -247,9 +299,18 @@ public class LuOffHeapMapImpl {
      * @param valueType type tag of the stored value
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
+     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is
+     *     no such key, memory was refused or a lock failed
      */
-    public native long updateAndGetNewAndPinWithHashCodeStringBA(long map, String key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    public native long updateAndGetNewAndPinWithHashCodeStringBA(
+            long map,
+            String key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
     /**
      * Removes the entry under a key buffer, hashed natively over its bytes.
@@ -297,369 +358,215 @@ public class LuOffHeapMapImpl {
      */
     public native long removeAndGetAndPinWithHashCodeNumber(long map, int hashCode, double key);
 
-    /**
-     * Inserts an entry under a byte key, with the given hash code. Nothing changes when the key exists.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value bytes, copied into a new block that belongs to the entry
-     * @param valueLength bytes of the value to copy
-     * @param valueType type tag of the stored value
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
-     */
-    public native long insertAndGetNewAndPinWithByte(long map, byte key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    /** Same as {@link #insertAndGetNewAndPinWithHashCodeAndBA}, under a number key. */
+    public native long insertAndGetNewAndPinWithByte(
+            long map,
+            byte key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
-    /**
-     * Inserts an entry under a byte key, with the given hash code. Nothing changes when the key exists.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value buffer of this library; the entry keeps a pin of its own
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
-     */
-    public native long insertAndGetNewAndPinWithByteBB(long map, byte key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    /** Same as {@link #insertAndGetNewAndPinWithHashCode}, under a number key. */
+    public native long insertAndGetNewAndPinWithByteBB(
+            long map, byte key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /**
-     * Inserts an entry under a short key, with the given hash code. Nothing changes when the key exists.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value bytes, copied into a new block that belongs to the entry
-     * @param valueLength bytes of the value to copy
-     * @param valueType type tag of the stored value
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
-     */
-    public native long insertAndGetNewAndPinWithShort(long map, short key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    /** Same as {@link #insertAndGetNewAndPinWithHashCodeAndBA}, under a number key. */
+    public native long insertAndGetNewAndPinWithShort(
+            long map,
+            short key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
-    /**
-     * Inserts an entry under a short key, with the given hash code. Nothing changes when the key exists.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value buffer of this library; the entry keeps a pin of its own
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
-     */
-    public native long insertAndGetNewAndPinWithShortBB(long map, short key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    /** Same as {@link #insertAndGetNewAndPinWithHashCode}, under a number key. */
+    public native long insertAndGetNewAndPinWithShortBB(
+            long map, short key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /**
-     * Inserts an entry under a int key, with the given hash code. Nothing changes when the key exists.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value bytes, copied into a new block that belongs to the entry
-     * @param valueLength bytes of the value to copy
-     * @param valueType type tag of the stored value
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
-     */
-    public native long insertAndGetNewAndPinWithInt(long map, int key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    /** Same as {@link #insertAndGetNewAndPinWithHashCodeAndBA}, under a number key. */
+    public native long insertAndGetNewAndPinWithInt(
+            long map,
+            int key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
-    /**
-     * Inserts an entry under a int key, with the given hash code. Nothing changes when the key exists.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value buffer of this library; the entry keeps a pin of its own
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
-     */
-    public native long insertAndGetNewAndPinWithIntBB(long map, int key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    /** Same as {@link #insertAndGetNewAndPinWithHashCode}, under a number key. */
+    public native long insertAndGetNewAndPinWithIntBB(
+            long map, int key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /**
-     * Inserts an entry under a long key, with the given hash code. Nothing changes when the key exists.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value bytes, copied into a new block that belongs to the entry
-     * @param valueLength bytes of the value to copy
-     * @param valueType type tag of the stored value
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
-     */
-    public native long insertAndGetNewAndPinWithLong(long map, long key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    /** Same as {@link #insertAndGetNewAndPinWithHashCodeAndBA}, under a number key. */
+    public native long insertAndGetNewAndPinWithLong(
+            long map,
+            long key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
-    /**
-     * Inserts an entry under a long key, with the given hash code. Nothing changes when the key exists.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value buffer of this library; the entry keeps a pin of its own
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
-     */
-    public native long insertAndGetNewAndPinWithLongBB(long map, long key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    /** Same as {@link #insertAndGetNewAndPinWithHashCode}, under a number key. */
+    public native long insertAndGetNewAndPinWithLongBB(
+            long map, long key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /**
-     * Inserts an entry under a float key, with the given hash code. Nothing changes when the key exists.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value bytes, copied into a new block that belongs to the entry
-     * @param valueLength bytes of the value to copy
-     * @param valueType type tag of the stored value
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
-     */
-    public native long insertAndGetNewAndPinWithFloat(long map, float key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    /** Same as {@link #insertAndGetNewAndPinWithHashCodeAndBA}, under a number key. */
+    public native long insertAndGetNewAndPinWithFloat(
+            long map,
+            float key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
-    /**
-     * Inserts an entry under a float key, with the given hash code. Nothing changes when the key exists.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value buffer of this library; the entry keeps a pin of its own
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
-     */
-    public native long insertAndGetNewAndPinWithFloatBB(long map, float key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    /** Same as {@link #insertAndGetNewAndPinWithHashCode}, under a number key. */
+    public native long insertAndGetNewAndPinWithFloatBB(
+            long map, float key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /**
-     * Inserts an entry under a double key, with the given hash code. Nothing changes when the key exists.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value bytes, copied into a new block that belongs to the entry
-     * @param valueLength bytes of the value to copy
-     * @param valueType type tag of the stored value
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
-     */
-    public native long insertAndGetNewAndPinWithDouble(long map, double key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    /** Same as {@link #insertAndGetNewAndPinWithHashCodeAndBA}, under a number key. */
+    public native long insertAndGetNewAndPinWithDouble(
+            long map,
+            double key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
-    /**
-     * Inserts an entry under a double key, with the given hash code. Nothing changes when the key exists.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value buffer of this library; the entry keeps a pin of its own
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
-     */
-    public native long insertAndGetNewAndPinWithDoubleBB(long map, double key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    /** Same as {@link #insertAndGetNewAndPinWithHashCode}, under a number key. */
+    public native long insertAndGetNewAndPinWithDoubleBB(
+            long map, double key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /**
-     * Inserts an entry under a boolean key, with the given hash code. Nothing changes when the key exists.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value bytes, copied into a new block that belongs to the entry
-     * @param valueLength bytes of the value to copy
-     * @param valueType type tag of the stored value
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
-     */
-    public native long insertAndGetNewAndPinWithBoolean(long map, boolean key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    /** Same as {@link #insertAndGetNewAndPinWithHashCodeAndBA}, under a boolean key. */
+    public native long insertAndGetNewAndPinWithBoolean(
+            long map,
+            boolean key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
-    /**
-     * Inserts an entry under a boolean key, with the given hash code. Nothing changes when the key exists.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value buffer of this library; the entry keeps a pin of its own
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
-     */
-    public native long insertAndGetNewAndPinWithBooleanBB(long map, boolean key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    /** Same as {@link #insertAndGetNewAndPinWithHashCode}, under a boolean key. */
+    public native long insertAndGetNewAndPinWithBooleanBB(
+            long map, boolean key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /**
-     * Replaces value and revision of the entry under a byte key, with the given hash code. The previous state is handed to the caller.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value bytes, copied into a new block that belongs to the entry
-     * @param valueLength bytes of the value to copy
-     * @param valueType type tag of the stored value
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
-     */
-    public native long updateAndGetNewAndPinWithByte(long map, byte key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    /** Same as {@link #updateAndGetNewAndPinWithHashCodeBABA}, under a number key. */
+    public native long updateAndGetNewAndPinWithByte(
+            long map,
+            byte key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
-    /**
-     * Replaces value and revision of the entry under a byte key, with the given hash code. The previous state is handed to the caller.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value buffer of this library; the entry keeps a pin of its own
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
-     */
-    public native long updateAndGetNewAndPinWithByteBB(long map, byte key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    /** Same as {@link #updateAndGetNewAndPinWithHashCode}, under a number key. */
+    public native long updateAndGetNewAndPinWithByteBB(
+            long map, byte key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /**
-     * Replaces value and revision of the entry under a short key, with the given hash code. The previous state is handed to the caller.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value bytes, copied into a new block that belongs to the entry
-     * @param valueLength bytes of the value to copy
-     * @param valueType type tag of the stored value
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
-     */
-    public native long updateAndGetNewAndPinWithShort(long map, short key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    /** Same as {@link #updateAndGetNewAndPinWithHashCodeBABA}, under a number key. */
+    public native long updateAndGetNewAndPinWithShort(
+            long map,
+            short key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
-    /**
-     * Replaces value and revision of the entry under a short key, with the given hash code. The previous state is handed to the caller.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value buffer of this library; the entry keeps a pin of its own
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
-     */
-    public native long updateAndGetNewAndPinWithShortBB(long map, short key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    /** Same as {@link #updateAndGetNewAndPinWithHashCode}, under a number key. */
+    public native long updateAndGetNewAndPinWithShortBB(
+            long map, short key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /**
-     * Replaces value and revision of the entry under a int key, with the given hash code. The previous state is handed to the caller.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value bytes, copied into a new block that belongs to the entry
-     * @param valueLength bytes of the value to copy
-     * @param valueType type tag of the stored value
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
-     */
-    public native long updateAndGetNewAndPinWithInt(long map, int key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    /** Same as {@link #updateAndGetNewAndPinWithHashCodeBABA}, under a number key. */
+    public native long updateAndGetNewAndPinWithInt(
+            long map,
+            int key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
-    /**
-     * Replaces value and revision of the entry under a int key, with the given hash code. The previous state is handed to the caller.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value buffer of this library; the entry keeps a pin of its own
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
-     */
-    public native long updateAndGetNewAndPinWithIntBB(long map, int key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    /** Same as {@link #updateAndGetNewAndPinWithHashCode}, under a number key. */
+    public native long updateAndGetNewAndPinWithIntBB(
+            long map, int key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /**
-     * Replaces value and revision of the entry under a long key, with the given hash code. The previous state is handed to the caller.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value bytes, copied into a new block that belongs to the entry
-     * @param valueLength bytes of the value to copy
-     * @param valueType type tag of the stored value
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
-     */
-    public native long updateAndGetNewAndPinWithLong(long map, long key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    /** Same as {@link #updateAndGetNewAndPinWithHashCodeBABA}, under a number key. */
+    public native long updateAndGetNewAndPinWithLong(
+            long map,
+            long key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
-    /**
-     * Replaces value and revision of the entry under a long key, with the given hash code. The previous state is handed to the caller.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value buffer of this library; the entry keeps a pin of its own
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
-     */
-    public native long updateAndGetNewAndPinWithLongBB(long map, long key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    /** Same as {@link #updateAndGetNewAndPinWithHashCode}, under a number key. */
+    public native long updateAndGetNewAndPinWithLongBB(
+            long map, long key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /**
-     * Replaces value and revision of the entry under a float key, with the given hash code. The previous state is handed to the caller.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value bytes, copied into a new block that belongs to the entry
-     * @param valueLength bytes of the value to copy
-     * @param valueType type tag of the stored value
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
-     */
-    public native long updateAndGetNewAndPinWithFloat(long map, float key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    /** Same as {@link #updateAndGetNewAndPinWithHashCodeBABA}, under a number key. */
+    public native long updateAndGetNewAndPinWithFloat(
+            long map,
+            float key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
-    /**
-     * Replaces value and revision of the entry under a float key, with the given hash code. The previous state is handed to the caller.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value buffer of this library; the entry keeps a pin of its own
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
-     */
-    public native long updateAndGetNewAndPinWithFloatBB(long map, float key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    /** Same as {@link #updateAndGetNewAndPinWithHashCode}, under a number key. */
+    public native long updateAndGetNewAndPinWithFloatBB(
+            long map, float key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /**
-     * Replaces value and revision of the entry under a double key, with the given hash code. The previous state is handed to the caller.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value bytes, copied into a new block that belongs to the entry
-     * @param valueLength bytes of the value to copy
-     * @param valueType type tag of the stored value
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
-     */
-    public native long updateAndGetNewAndPinWithDouble(long map, double key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    /** Same as {@link #updateAndGetNewAndPinWithHashCodeBABA}, under a number key. */
+    public native long updateAndGetNewAndPinWithDouble(
+            long map,
+            double key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
-    /**
-     * Replaces value and revision of the entry under a double key, with the given hash code. The previous state is handed to the caller.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value buffer of this library; the entry keeps a pin of its own
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
-     */
-    public native long updateAndGetNewAndPinWithDoubleBB(long map, double key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    /** Same as {@link #updateAndGetNewAndPinWithHashCode}, under a number key. */
+    public native long updateAndGetNewAndPinWithDoubleBB(
+            long map, double key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /**
-     * Replaces value and revision of the entry under a boolean key, with the given hash code. The previous state is handed to the caller.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value bytes, copied into a new block that belongs to the entry
-     * @param valueLength bytes of the value to copy
-     * @param valueType type tag of the stored value
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
-     */
-    public native long updateAndGetNewAndPinWithBoolean(long map, boolean key, int hashCode, byte[] value, int valueLength, byte valueType, short revisionOwner, long revisionNumber);
+    /** Same as {@link #updateAndGetNewAndPinWithHashCodeBABA}, under a boolean key. */
+    public native long updateAndGetNewAndPinWithBoolean(
+            long map,
+            boolean key,
+            int hashCode,
+            byte[] value,
+            int valueLength,
+            byte valueType,
+            short revisionOwner,
+            long revisionNumber);
 
-    /**
-     * Replaces value and revision of the entry under a boolean key, with the given hash code. The previous state is handed to the caller.
-     *
-     * @param map handle
-     * @param hashCode hash code of the key
-     * @param value buffer of this library; the entry keeps a pin of its own
-     * @param revisionOwner queue that the entry joins
-     * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is no such key, memory was refused or a lock failed
-     */
-    public native long updateAndGetNewAndPinWithBooleanBB(long map, boolean key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
+    /** Same as {@link #updateAndGetNewAndPinWithHashCode}, under a boolean key. */
+    public native long updateAndGetNewAndPinWithBooleanBB(
+            long map, boolean key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
     /**
      * Finds the entry under a byte array.
@@ -672,7 +579,8 @@ public class LuOffHeapMapImpl {
      * @param revisionNumber new place of the entry when it is touched
      * @return the entry, pinned for the caller, or 0; its value block is not pinned
      */
-    public native long getLuValue_ByteArray(long map, long[] attributes, byte[] key, int hashCode, long unused, boolean touch, long revisionNumber);
+    public native long getLuValue_ByteArray(
+            long map, long[] attributes, byte[] key, int hashCode, long unused, boolean touch, long revisionNumber);
 
     /**
      * Finds the entry under a string.
@@ -686,7 +594,15 @@ public class LuOffHeapMapImpl {
      * @param revisionNumber new place of the entry when it is touched
      * @return the entry, pinned for the caller, or 0; its value block is not pinned
      */
-    public native long getLuValue_String(long map, long[] attributes, String key, int unused, int hashCode, long unused2, boolean touch, long revisionNumber);
+    public native long getLuValue_String(
+            long map,
+            long[] attributes,
+            String key,
+            int unused,
+            int hashCode,
+            long unused2,
+            boolean touch,
+            long revisionNumber);
 
     /**
      * Finds the entry under a number.
@@ -698,7 +614,8 @@ public class LuOffHeapMapImpl {
      * @param revisionNumber new place of the entry when it is touched
      * @return the entry, pinned for the caller, or 0; its value block is not pinned
      */
-    public native long getLuValue_Number(long map, int hashCode, int unused, boolean touch, long revisionNumber, double key);
+    public native long getLuValue_Number(
+            long map, int hashCode, int unused, boolean touch, long revisionNumber, double key);
 
     /**
      * Finds the entry under a key buffer.
@@ -711,7 +628,8 @@ public class LuOffHeapMapImpl {
      * @param revisionNumber new place of the entry when it is touched
      * @return the entry, pinned for the caller, or 0; its value block is not pinned
      */
-    public native long getLuValue_ByteBuffer(long map, ByteBuffer key, int hashCode, int unused, boolean touch, long revisionNumber);
+    public native long getLuValue_ByteBuffer(
+            long map, ByteBuffer key, int hashCode, int unused, boolean touch, long revisionNumber);
 
     /**
      * Tells whether a key buffer is present.
@@ -795,7 +713,8 @@ public class LuOffHeapMapImpl {
     public native void getChars(ByteBuffer source, int unused1, int unused2, int unused3, char[] target, int count);
 
     /**
-     * Writes a string's UTF-16 units, high byte first. Nothing is checked: the target must hold twice {@code count} bytes.
+     * Writes a string's UTF-16 units, high byte first. Nothing is checked: the target must hold twice {@code count}
+     * bytes.
      *
      * @param count number of characters
      * @param unused ignored
@@ -803,9 +722,9 @@ public class LuOffHeapMapImpl {
     public native void getFullCharBytesFromString(String source, int count, byte[] target, int unused);
 
     /**
-     * Collects every entry whose revision lies above its owner's start and at or below its owner's end. Each entry, its key
-     * and its value gain a pin that the caller drops. The result buffer is not checked: it must have room for one word
-     * and nine words for each entry that can qualify.
+     * Collects every entry whose revision lies above its owner's start and at or below its owner's end. Each entry, its
+     * key and its value gain a pin that the caller drops. The result buffer is not checked: it must have room for one
+     * word and nine words for each entry that can qualify.
      *
      * @param map handle
      * @param result direct buffer; receives the number of entries and nine words for each, in native byte order
@@ -814,7 +733,8 @@ public class LuOffHeapMapImpl {
      * @param endRevisions one inclusive upper bound for each owner
      * @return 0
      */
-    public native long queryRevisionAndPinWithBounds(long map, ByteBuffer result, int bookmarkIndex, long[] startRevisions, long[] endRevisions);
+    public native long queryRevisionAndPinWithBounds(
+            long map, ByteBuffer result, int bookmarkIndex, long[] startRevisions, long[] endRevisions);
 
     /**
      * Returns the first entry of the first revision queue that is not empty.

@@ -11,6 +11,9 @@ public class LuOffHeapMapValueImpl {
         NativeLoader.load();
     }
 
+    /** Makes an object without state: entries are named by their addresses. */
+    public LuOffHeapMapValueImpl() {}
+
     /**
      * Returns the hash code that the entry is stored under.
      *
@@ -47,7 +50,8 @@ public class LuOffHeapMapValueImpl {
     public native long getReferenceCount(long value);
 
     /**
-     * Length of the key in bytes. The library exports it under a C++ name only: a call throws {@link UnsatisfiedLinkError}.
+     * Length of the key in bytes. The library exports it under a C++ name only: a call throws {@link
+     * UnsatisfiedLinkError}.
      */
     public native int getKeyLength(long value);
 
@@ -68,8 +72,8 @@ public class LuOffHeapMapValueImpl {
     public native int getKeyType(long value);
 
     /**
-     * Reads where the value lies, without a lock. The value must be in memory, and an update by another thread may replace
-     * and free it: pin it, or keep writers away, before reading through the address.
+     * Reads where the value lies, without a lock. The value must be in memory, and an update by another thread may
+     * replace and free it: pin it, or keep writers away, before reading through the address.
      *
      * @param value address of an entry that the caller has pinned, or 0
      * @param unused ignored

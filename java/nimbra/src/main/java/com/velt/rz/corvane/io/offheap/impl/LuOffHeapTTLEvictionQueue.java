@@ -2,13 +2,14 @@ package com.velt.rz.corvane.io.offheap.impl;
 
 import com.velt.rz.corvane.io.offheap.util.NativeLoader;
 
-/**
- * A queue in order of expiry time: the head is the next record to expire.
- */
+/** A queue in order of expiry time: the head is the next record to expire. */
 public class LuOffHeapTTLEvictionQueue extends LuOffHeapEvictionQueue {
     static {
         NativeLoader.load();
     }
+
+    /** Makes an object without state: queues are named by their handles. */
+    public LuOffHeapTTLEvictionQueue() {}
 
     /**
      * Inserts a record by its expiry time.

@@ -3,13 +3,15 @@ package com.velt.rz.corvane.io.offheap.overflow;
 import com.velt.rz.corvane.io.offheap.util.NativeLoader;
 
 /**
- * The sweep that finds entries whose values may be moved to disk. One thread drives it at a time; the entry it rests on is
- * locked for that thread.
+ * The sweep that finds entries whose values may be moved to disk. One thread drives it at a time; the entry it rests on
+ * is locked for that thread.
  */
-public class CacheIter {
+public final class CacheIter {
     static {
         NativeLoader.load();
     }
+
+    private CacheIter() {}
 
     /**
      * Begins a sweep over the entries that may be moved to disk. There is one sweep at a time, driven by one thread.
@@ -27,13 +29,9 @@ public class CacheIter {
      */
     public static native long advanceAndNextEvictable();
 
-    /**
-     * Ends the sweep, lets its locks go and keeps its place for the next one.
-     */
+    /** Ends the sweep, lets its locks go and keeps its place for the next one. */
     public static native void dispose();
 
-    /**
-     * Returns the fourteen figures of the sweep: the first is current, the others are as of the last refresh.
-     */
+    /** Returns the fourteen figures of the sweep: the first is current, the others are as of the last refresh. */
     public static native long[] getSweepState();
 }

@@ -7,10 +7,12 @@ import java.nio.ByteBuffer;
  * The overflow state of single entries, and the reports of native code about them. Natives do not check addresses; the
  * caller has pinned the entry.
  */
-public class NOFStruct {
+public final class NOFStruct {
     static {
         NativeLoader.load();
     }
+
+    private NOFStruct() {}
 
     /** Called by native code: see {@link OverflowHandler#updating}. */
     public static void updatingNative(long[] entry) {
@@ -37,8 +39,8 @@ public class NOFStruct {
     public static native int[] getOverflowState(long value);
 
     /**
-     * Reads where the value lies on disk: offset, size, offset of the next chunk, value length in bytes; the first three are 0
-     * while it is not on disk.
+     * Reads where the value lies on disk: offset, size, offset of the next chunk, value length in bytes; the first
+     * three are 0 while it is not on disk.
      *
      * @param value address of an entry that the caller has pinned
      * @return four elements, or null when the lock failed
@@ -57,8 +59,8 @@ public class NOFStruct {
     public static native long evictedToDisk(long value, long chunkPtrOffset, int chunkSize, long nextChunkPtrOffset);
 
     /**
-     * Puts a value that was read back from disk into its entry, which takes the block over. The caller holds the locks of
-     * bucket set and node.
+     * Puts a value that was read back from disk into its entry, which takes the block over. The caller holds the locks
+     * of bucket set and node.
      *
      * @param buffer buffer of kind 4
      * @param value address of the entry
@@ -69,7 +71,8 @@ public class NOFStruct {
      * Tries to lock node and bucket set of an entry without waiting.
      *
      * @param value address of an entry that the caller has pinned
-     * @return element 0 is 1 when both are now held by this thread; then offset, size and offset of the next chunk follow
+     * @return element 0 is 1 when both are now held by this thread; then offset, size and offset of the next chunk
+     *     follow
      */
     public static native long[] lockValidAndGetChunkPtr(long value);
 

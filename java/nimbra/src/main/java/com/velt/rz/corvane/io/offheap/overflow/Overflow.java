@@ -7,12 +7,14 @@ import java.util.Objects;
  * Locks of single entries for moving their values to disk and back, and the place where the disk side registers itself.
  * Natives do not check addresses.
  */
-public class Overflow {
+public final class Overflow {
     private static volatile OverflowHandler handler = OverflowHandler.NONE;
 
     static {
         NativeLoader.load();
     }
+
+    private Overflow() {}
 
     /**
      * Registers the receiver of overflow reports. {@link OverflowHandler#NONE} is in place until then.

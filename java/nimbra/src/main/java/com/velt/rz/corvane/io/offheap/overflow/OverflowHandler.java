@@ -2,8 +2,8 @@ package com.velt.rz.corvane.io.offheap.overflow;
 
 /**
  * Receives what native code reports while disk overflow is on. The methods run on the thread that is inside the native
- * call, with that call's locks held: they must not call a map, and should do no more than note what happened. The arrays
- * are fresh and belong to the handler.
+ * call, with that call's locks held: they must not call a map, and should do no more than note what happened. The
+ * arrays are fresh and belong to the handler.
  */
 public interface OverflowHandler {
     /** Does nothing. */

@@ -16,8 +16,8 @@ import java.util.Locale;
  * #PATH_PROPERTY} names; the directories of {@code java.library.path}; the copy inside the jar, which is unpacked to a
  * private file and deleted as soon as it is mapped.
  *
- * <p>A named file that cannot be loaded is an error at once. The other places are tried in turn, and when all have failed
- * the error names each of them with its reason.
+ * <p>A named file that cannot be loaded is an error at once. The other places are tried in turn, and when all have
+ * failed the error names each of them with its reason.
  *
  * <p>Thread safe. After a failure the next call tries again.
  */
@@ -162,8 +162,7 @@ public final class NativeLoader {
                 "nimbra-", PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rwx------")));
         Path file = directory.resolve(System.mapLibraryName(LIBRARY));
         try {
-            Files.createFile(
-                    file, PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rw-------")));
+            Files.createFile(file, PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rw-------")));
             Files.copy(in, file, StandardCopyOption.REPLACE_EXISTING);
             return fromFile(file.toFile(), place, failures) == null ? null : place;
         } finally {

@@ -7,12 +7,13 @@ import java.util.Locale;
 /**
  * Receives the trace records of native code and owns the level word that decides which are made.
  *
- * <p>Records go to the {@link System.Logger} named {@value #LOGGER_NAME}: {@code error}, {@code errorGeneric} and {@code
- * fatal} as ERROR, {@code warning} as WARNING, {@code audit} and {@code info} as INFO, {@code event} and {@code debug} as
- * DEBUG, {@code dump}, {@code entry} and {@code exit} as TRACE. That logger filters by its own configuration as well.
+ * <p>Records go to the {@link System.Logger} named {@value #LOGGER_NAME}: {@code error}, {@code errorGeneric} and
+ * {@code fatal} as ERROR, {@code warning} as WARNING, {@code audit} and {@code info} as INFO, {@code event} and {@code
+ * debug} as DEBUG, {@code dump}, {@code entry} and {@code exit} as TRACE. That logger filters by its own configuration
+ * as well.
  *
- * <p>The level word is read from the system property {@value #LEVEL_PROPERTY} when this class is initialised, and can be
- * set later. Native code keeps a copy that it refreshes only when the library is initialised and in {@link
+ * <p>The level word is read from the system property {@value #LEVEL_PROPERTY} when this class is initialised, and can
+ * be set later. Native code keeps a copy that it refreshes only when the library is initialised and in {@link
  * com.velt.rz.corvane.io.offheap.OffHeapManager#setLogLevel()}.
  *
  * <p>Thread safe.
@@ -22,8 +23,8 @@ public final class OffHeapLogger {
     public static final String LOGGER_NAME = "com.velt.rz.corvane.nimbra";
 
     /**
-     * System property: the level word as decimal, as hexadecimal behind 0x, or as names separated by commas. A value that
-     * cannot be read is reported as a warning and replaced by {@link #DEFAULT_LEVEL}.
+     * System property: the level word as decimal, as hexadecimal behind 0x, or as names separated by commas. A value
+     * that cannot be read is reported as a warning and replaced by {@link #DEFAULT_LEVEL}.
      */
     public static final String LEVEL_PROPERTY = "nimbra.log.level";
 

@@ -115,15 +115,16 @@ public final class PhantomWindows {
         return current.readable[place(current, address)].get(offset(address)) & 0xff;
     }
 
-    /** Returns the number of windows made so far: a bound on the buffers that the library keeps alive for this class. */
+    /**
+     * Returns the number of windows made so far: a bound on the buffers that the library keeps alive for this class.
+     */
     public static int windowCount() {
         return windows.bases.length;
     }
 
     private static void checkLength(int length) {
         if (length < 0 || length > MAX_LENGTH) {
-            throw new IllegalArgumentException(
-                    "length " + length + " is not between 0 and " + MAX_LENGTH + " bytes");
+            throw new IllegalArgumentException("length " + length + " is not between 0 and " + MAX_LENGTH + " bytes");
         }
     }
 
