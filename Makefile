@@ -1,0 +1,106 @@
+# The front door. CMake builds the library, Maven the Java side; every target below does its own
+# set-up first, and a step whose inputs have not changed is not repeated.
+#
+# Variables:
+#   ARGS           passed on to the demo or to the Java benchmarks
+#   JOBS           parallel jobs (default: all cores)
+#   JEMALLOC_ROOT  a ready je-prefixed jemalloc 5, instead of one built from Debian's source
+#   SETUP=no       skips the installation of Debian packages
+
+SHELL := /bin/bash
+.SHELLFLAGS := -euo pipefail -c
+.DEFAULT_GOAL := help
+.NOTPARALLEL:
+.DELETE_ON_ERROR:
+MAKEFLAGS += --no-print-directory
+
+ARGS ?=
+SETUP ?= yes
+JOBS ?= $(shell nproc)
+JEMALLOC_ROOT ?= $(CURDIR)/build/jemalloc
+export JOBS
+
+.PHONY: help
+help: ## list the targets
+	@echo 'Targets:'
+	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 12 | sed 's/^/  /'
+	@echo 'Variables:'
+	@sed -n 's/^#   \([A-Z_]*\)/  \1/p' $(MAKEFILE_LIST)
+
+# ---- set-up ---------------------------------------------------------------------------------
+
+.PHONY: setup setup-check jemalloc
+setup: ## install missing Debian packages (root or sudo) and build jemalloc
+setup: packages jemalloc
+
+.PHONY: packages
+packages:
+ifneq ($(SETUP),no)
+	@tools/setup.sh
+endif
+
+setup-check:
+ifneq ($(SETUP),no)
+	@tools/setup.sh check
+endif
+
+jemalloc: packages
+ifeq ($(JEMALLOC_ROOT),$(CURDIR)/build/jemalloc)
+	@tools/build_jemalloc.sh
+endif
+
+# ---- build ----------------------------------------------------------------------------------
+
+.PHONY: build native java
+build: ## build build/libnimbra.so and the Java artifacts
+build: java
+
+native: build/release/build.ninja
+	@cmake --build --preset release --parallel $(JOBS)
+
+java: native
+	@tools/build_java.sh
+
+# Ninja runs CMake again by itself when a CMakeLists.txt changes, but knows nothing of presets.
+build/%/build.ninja: CMakePresets.json | setup
+	@cmake --preset $* -DJEMALLOC_ROOT="$(JEMALLOC_ROOT)" --log-level=WARNING
+	@touch $@
+
+# ---- work -----------------------------------------------------------------------------------
+
+.PHONY: test test-native demo bench check format
+test: ## run the native and the Java tests
+test: native build/debug/build.ninja
+	@tools/test.sh all
+
+test-native: ## run the native tests only
+test-native: build/debug/build.ninja
+	@tools/test.sh native
+
+demo: ## keep every class file of the JDK off heap and check each byte (ARGS="--input DIR")
+demo: java
+	@tools/demo.sh $(ARGS)
+
+bench: ## run the native and the Java benchmarks (ARGS: options for the Java ones)
+bench: java
+	@tools/bench.sh $(ARGS)
+
+check: ## formatting, clang-tidy, and the native tests under the sanitizers
+check: setup-check build/debug/build.ninja build/asan/build.ninja build/tsan/build.ninja
+	@tools/check.sh
+
+format: ## rewrite the sources as make check wants them
+format: setup-check
+	@clang-format -i $(wildcard src/*.h src/*.cpp tests/*.h tests/*.cpp bench/*.h bench/*.cpp)
+	@tools/mvn.sh spotless:apply
+
+# ---- cleaning -------------------------------------------------------------------------------
+
+.PHONY: clean distclean
+clean: ## remove what was built, except jemalloc
+	@if [ -d build ]; then find build -mindepth 1 -maxdepth 1 ! -name 'jemalloc*' -exec rm -rf {} +; fi
+	@find java -type d -name target -prune -exec rm -rf {} +
+
+distclean: ## remove everything that was built, jemalloc too
+distclean: clean
+	@rm -rf build
