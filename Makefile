@@ -63,7 +63,7 @@ java: native
 
 # Ninja runs CMake again by itself when a CMakeLists.txt changes, but knows nothing of presets.
 build/%/build.ninja: CMakePresets.json | setup
-	@cmake --preset $* -DJEMALLOC_ROOT="$(JEMALLOC_ROOT)" --log-level=WARNING
+	@cmake --preset $* -DJEMALLOC_ROOT="$(JEMALLOC_ROOT)" --log-level=WARNING >/dev/null
 	@touch $@
 
 # ---- work -----------------------------------------------------------------------------------
