@@ -1,0 +1,213 @@
+// Accounting and limits on top of the adapter.
+//
+// State: the counters and limits declared in the header. No locks: counters change by
+// compare-and-swap, limits are read as they stand at that moment.
+#include "nb_alloc.h"
+
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "nb_alloc_backend.h"
+#include "nb_logging.h"
+
+namespace nimbra {
+
+Relaxed<int64_t> maxOffHeapSize;
+Relaxed<uint64_t> _hardCapLimit;
+Relaxed<bool> _isDiskOverflowEnabled;
+int64_t allocatingOffHeapBlocks;
+int64_t allocatingOffHeapSize;
+int64_t allocatingInternalMetadataSize;
+Relaxed<bool> trackReqSize_Internal;
+Relaxed<uint64_t> jemallocPageSize;
+Relaxed<uint64_t> jemallocChunkSize;
+
+#if NIMBRA_CHECKS
+namespace faults {
+bool (*refuseAllocation)(uint64_t size, const char* type) = nullptr;
+}  // namespace faults
+#endif
+
+namespace {
+
+constexpr char kRefusedText[] =
+    "Allocation by the Nimbra library failed. All available memory is used.";
+
+void refuse(JNIEnv* env, const char* exceptionClass) {
+  NB_TRACE_AS(error, error, env, "malloc_nb", "%s", kOutOfMemoryKey);
+  throw_exception(env, "malloc_nb", kRefusedText, exceptionClass);
+}
+
+void traceAllocated(JNIEnv* env, const void* block, uint64_t size, int64_t inUse,
+                    const char* type) {
+  if (!logInfo.debug && !logInfo.event) return;
+  const uint64_t usable = block == nullptr ? 0 : backend::usableSize(block);
+  if (logInfo.debug) {
+    debug(env, "malloc_nb",
+          "%s=%p requested=%lu allocatedSize=%lu offHeapSize=%lld offHeapBlocks=%lld type=%s",
+          "jemalloc", block, size, usable, static_cast<long long>(inUse),
+          static_cast<long long>(lockRead(&allocatingOffHeapBlocks)),
+          type == nullptr ? "(null)" : type);
+  } else {
+    event(env, "malloc_nb", "malloc=%p requested=%lu allocateSize=%lu offheapSize=%lld type=%s",
+          block, size, usable, static_cast<long long>(inUse), type == nullptr ? "(null)" : type);
+  }
+}
+
+}  // namespace
+
+void initJemallocSizes() {
+  if (jemallocPageSize == 0) jemallocPageSize = backend::pageSize();
+  if (jemallocChunkSize == 0) jemallocChunkSize = backend::chunkSize();
+}
+
+int64_t getCurrentSize(JNIEnv* /*env*/) {
+  initJemallocSizes();
+  if (trackReqSize_Internal) return lockRead(&allocatingOffHeapSize);
+  return static_cast<int64_t>(backend::sizeInUse());
+}
+
+int64_t getCurrentInternalMetadataSize(JNIEnv* /*env*/) {
+  return lockRead(&allocatingInternalMetadataSize);
+}
+
+uint64_t getUsableSize(const void* block) { return backend::usableSize(block); }
+uint64_t alignSize(const void* block) { return backend::usableSize(block); }
+
+uint64_t alignSize(uint64_t size) {
+  initJemallocSizes();
+  const uint64_t page = jemallocPageSize;
+  if (size <= page || size > jemallocChunkSize) return size;
+  return (size + page - 1) / page * page;
+}
+
+int64_t updateUsage(JNIEnv* /*env*/, int32_t flag, uint64_t size, const void* block) {
+  const int64_t sign = flag == 1 ? 1 : -1;
+  if (trackReqSize_Internal) {
+    const uint64_t bytes = block == nullptr ? size : backend::usableSize(block);
+    lockIncrement(&allocatingOffHeapSize, sign * static_cast<int64_t>(bytes));
+  }
+  return lockIncrement(&allocatingOffHeapBlocks, sign);
+}
+
+void* malloc_nb(JNIEnv* env, uint64_t size, uint8_t unchecked, const char* type) {
+#if NIMBRA_CHECKS
+  const bool injected = faults::refuseAllocation != nullptr && faults::refuseAllocation(size, type);
+#else
+  constexpr bool injected = false;
+#endif
+  int64_t inUse = getCurrentSize(env);
+  if (unchecked == 0) {
+    NB_DEBUG(env, "allocating size=%ld currentAllocatedSize=%ld maxOffHeapSize=%ld",
+             static_cast<long>(size), static_cast<long>(inUse),
+             static_cast<long>(maxOffHeapSize.load()));
+    const auto wanted = static_cast<int64_t>(size + static_cast<uint64_t>(inUse));
+    if (wanted >= maxOffHeapSize) {
+      refuse(env, "java/lang/IllegalStateException");
+      return nullptr;
+    }
+  }
+  void* block = injected ? nullptr : backend::allocate(size);
+  if (block == nullptr) {
+    traceAllocated(env, nullptr, size, inUse, type);
+    return nullptr;
+  }
+  updateUsage(env, 1, size, block);
+  if (unchecked == 0) {
+    inUse = getCurrentSize(env);
+    if (inUse > maxOffHeapSize) {
+      NB_DEBUG(env,
+               "Allocation of new memory has exceeded the maximum Nimbra size. Requested=%d "
+               "AllocatedByte=%lld AllocatedBlocks=%lld type=%s",
+               static_cast<int>(size), static_cast<long long>(inUse),
+               static_cast<long long>(lockRead(&allocatingOffHeapBlocks)),
+               type == nullptr ? "(null)" : type);
+      // Deliberate: the counters keep the block that is given back here. Java derives the number of
+      // such refusals from the difference. Pinned by AllocRefusal.CountsStayRaised.
+      backend::release(block);
+      refuse(env, _isDiskOverflowEnabled
+                      ? "com/velt/rz/corvane/io/offheap/overflow/NotEnoughResourcesException"
+                      : "java/lang/OutOfMemoryError");
+      return nullptr;
+    }
+  }
+  traceAllocated(env, block, size, inUse, type);
+  return block;
+}
+
+void* malloc_nb(JNIEnv* env, uint64_t size, const char* type) {
+  return malloc_nb(env, size, 0, type);
+}
+
+void free_nb(JNIEnv* env, void* block, uint64_t size) {
+  NB_DEBUG(env, "%s toFree=%p allocatingOffHeapSize=%d, allocatingOffHeapBlocks=%d", "jemalloc",
+           block, static_cast<int>(getCurrentSize(env)),
+           static_cast<int>(lockRead(&allocatingOffHeapBlocks)));
+  updateUsage(env, 0, size, block);
+  const bool traced = logInfo.debug || logInfo.event;
+  const uint64_t usable = traced ? backend::usableSize(block) : 0;
+  const void* freed = block;
+  backend::release(block);
+  if (!traced) return;
+  // The two texts differ in the case of one letter; both are kept.
+  if (logInfo.debug) {
+    debug(env, "free_nb", "free=%p objSize=%lu actualSize=%lu offHeapSize=%lu", freed, size, usable,
+          static_cast<unsigned long>(getCurrentSize(env)));
+  } else {
+    event(env, "free_nb", "free=%p objSize=%lu actualSize=%lu offheapSize=%lu", freed, size, usable,
+          static_cast<unsigned long>(getCurrentSize(env)));
+  }
+}
+
+void freeToOffHeap_deprecated(JNIEnv* env, void* block, int32_t typeCode) {
+  const uint64_t usable = backend::usableSize(block);
+  if (logInfo.debug) {
+    debug(env, "freeToOffHeap_deprecated",
+          "%s toFree=%p allocatingOffHeapSize=%d, allocatingOffHeapBlocks=%d, usable=%d, type=%d",
+          "jemalloc", block, static_cast<int>(getCurrentSize(env)),
+          static_cast<int>(lockRead(&allocatingOffHeapBlocks)), static_cast<int>(usable), typeCode);
+  } else {
+    NB_EVENT(env, "free=%p type=%d offheapSize=%lu", block, typeCode,
+             static_cast<unsigned long>(getCurrentSize(env)));
+  }
+  updateUsage(env, 0, usable, block);
+  backend::release(block);
+  NB_DEBUG(env, "done freeing, allocatingOffHeapSize=%lu",
+           static_cast<unsigned long>(getCurrentSize(env)));
+}
+
+namespace {
+
+// Work area of one statistics report. Text beyond it is dropped.
+struct StatisticsText {
+  static constexpr size_t kCapacity = 5242880;  // bytes, terminator included
+  static constexpr size_t kPieceBound = 1024;   // characters copied of one piece
+  uint32_t length;
+  char text[kCapacity];
+
+  static void append(void* opaque, const char* piece) {
+    auto* self = static_cast<StatisticsText*>(opaque);
+    const size_t count = strnlen(piece, kPieceBound);
+    const bool cut = count >= kPieceBound;
+    if (self->length + count + (cut ? 1 : 0) >= kCapacity) return;
+    std::memcpy(self->text + self->length, piece, count);
+    self->length += static_cast<uint32_t>(count);
+    if (cut) self->text[self->length++] = '\n';
+    self->text[self->length] = '\0';
+  }
+};
+static_assert(sizeof(StatisticsText) == 5242884);
+
+}  // namespace
+
+jstring jemallocStatistics(JNIEnv* env) {
+  const std::unique_ptr<StatisticsText> area(new (std::nothrow) StatisticsText);
+  if (area == nullptr) return nullptr;
+  area->length = 0;
+  area->text[0] = '\0';
+  backend::printStatistics(StatisticsText::append, area.get(), "a");
+  return env->NewStringUTF(area->text);
+}
+
+}  // namespace nimbra
