@@ -179,6 +179,11 @@ bool removeFromRevisionQueue(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* val
 bool clearQueues(JNIEnv* env, LuOffHeapMap* map);
 
 // ---- Insert, update, remove ----------------------------------------------------------------
+
+// Why an operation answered null. `none` means that the key stood in the way of an insert, or was
+// missing for an update or a removal; `failed` that memory or a lock was refused.
+enum class WriteOutcome { done, none, failed };
+
 // `caller` is the Java map object. `key` is the address of the caller's key (a Java reference or a
 // number) in `keyFormat`; the key buffer may be null for update and remove.
 
@@ -186,16 +191,16 @@ bool clearQueues(JNIEnv* env, LuOffHeapMap* map);
 LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
                              uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
                              bool hashCodeGiven, ByteBufferHeader* value, uint16_t revisionOwner,
-                             int64_t revisionNumber);
+                             int64_t revisionNumber, WriteOutcome* outcome = nullptr);
 // A snapshot of the entry's previous state, with its ALLOCATION_PIN for Java, or null.
 LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
                              uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
                              bool hashCodeGiven, ByteBufferHeader* value, uint16_t revisionOwner,
-                             int64_t revisionNumber);
+                             int64_t revisionNumber, WriteOutcome* outcome = nullptr);
 // The removed value, pinned JNI_REMOVED_PIN for Java, or null.
 LuOffHeapValue* removeAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
                              uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
-                             bool hashCodeGiven);
+                             bool hashCodeGiven, WriteOutcome* outcome = nullptr);
 LuOffHeapValue* removeAndGetAndPinLuOffHeapMap(JNIEnv* env, jobject caller, LuOffHeapMap* map,
                                                jobject key, ByteBufferHeader* keyBuffer,
                                                int32_t hashCode, bool hashCodeGiven);

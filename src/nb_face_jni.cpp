@@ -1,0 +1,329 @@
+// The map face's own natives: one crossing an operation, on the same internal operations.
+//
+// Keys and values are opaque bytes. A value is copied, or its buffer pinned, while the bucket set is
+// held, so no reader meets a buffer that an update has freed. The face keeps handles valid: a map is
+// deleted only after the last call has left it.
+#include <cstdint>
+
+#include "com_velt_rz_corvane_nimbra_MapNatives.h"
+#include "nb_jni.h"
+#include "nb_map_private.h"
+
+using namespace nimbra;
+
+namespace {
+
+constexpr uint16_t kOwner = 0;        // the face writes all its revisions under one owner
+constexpr jsize kStackKeyBytes = 512;  // longer keys are compared in place, in the Java array
+constexpr jsize kScanWords = 5;        // longs that the walk writes for one entry
+constexpr jint kFailed = -1;
+
+// A key to search for. A short one is copied once, so that comparisons need no crossing.
+class SearchKey {
+ public:
+  SearchKey(JNIEnv* env, jbyteArray key, jint hash) : key_(key), hash_(hash) {
+    const jsize length = env->GetArrayLength(key);
+    if (length > kStackKeyBytes) return;
+    copy_.header.dataSize = static_cast<uint64_t>(length);
+    copy_.header.deserializedType = DESERIALIZED_TYPE_BINARY;
+    env->GetByteArrayRegion(key, 0, length, reinterpret_cast<jbyte*>(copy_.bytes));
+    buffer_ = &copy_.header;
+  }
+  SearchKey(const SearchKey&) = delete;
+  SearchKey& operator=(const SearchKey&) = delete;
+
+  const void* object() const { return &key_; }
+  ByteBufferHeader* buffer() const { return buffer_; }
+  jint hash() const { return hash_; }
+  BucketSet* setIn(LuOffHeapMap* map) const {
+    return getBucketSet(map->map, static_cast<uint32_t>(hash_));
+  }
+  // REQUIRES: the bucket set of setIn.
+  LuOffHeapValue* findIn(JNIEnv* env, LuOffHeapMap* map) const {
+    return static_cast<LuOffHeapValue*>(
+        _getMapEntry(env, nullptr, map->map, &key_, OBJECT_TYPE_JBYTE_ARRAY, buffer_, hash_));
+  }
+
+ private:
+  struct {
+    ByteBufferHeader header;
+    uint8_t bytes[kStackKeyBytes];
+  } copy_;
+  ByteBufferHeader* buffer_ = nullptr;
+  jbyteArray key_;
+  jint hash_;
+};
+
+// A copy of an array in a buffer of ours, which holds one ALLOCATION_PIN for this scope.
+class ArrayCopy {
+ public:
+  ArrayCopy(JNIEnv* env, jbyteArray source, const char* label) : env_(env) {
+    const jsize length = env->GetArrayLength(source);
+    header_ = allocateByteBufferData(env, static_cast<uint64_t>(length), label);
+    if (header_ == nullptr) return;
+    pin(env, header_, ALLOCATION_PIN);
+    env->GetByteArrayRegion(source, 0, length, reinterpret_cast<jbyte*>(bufferData(header_)));
+  }
+  ~ArrayCopy() {
+    if (header_ != nullptr) unpinToFree(env_, header_, ALLOCATION_PIN);
+  }
+  ArrayCopy(const ArrayCopy&) = delete;
+  ArrayCopy& operator=(const ArrayCopy&) = delete;
+  ByteBufferHeader* get() const { return header_; }
+
+ private:
+  JNIEnv* env_;
+  ByteBufferHeader* header_ = nullptr;
+};
+
+bool lockOrRaise(JNIEnv* env, BucketSet* set, const char* function) {
+  if (lockBucketSet(set) == 0) return true;
+  throw_exception(env, function, "Error acquiring BucketSet lock in Nimbra library.");
+  return false;
+}
+
+WriteOutcome update(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, ByteBufferHeader* value,
+                    jlong revision) {
+  WriteOutcome outcome;
+  LuOffHeapValue* snapshot =
+      updateAndPin(env, nullptr, map, key.object(), OBJECT_TYPE_JBYTE_ARRAY, key.buffer(),
+                   key.hash(), true, value, kOwner, revision, &outcome);
+  if (snapshot != nullptr) unpinLuOffHeapMapValue(env, snapshot, ALLOCATION_PIN);
+  return outcome;
+}
+
+WriteOutcome insert(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key,
+                    ByteBufferHeader* keyBuffer, ByteBufferHeader* value, jlong revision) {
+  WriteOutcome outcome;
+  LuOffHeapValue* created =
+      insertAndPin(env, nullptr, map, key.object(), OBJECT_TYPE_JBYTE_ARRAY, keyBuffer, key.hash(),
+                   true, value, kOwner, revision, &outcome);
+  if (created != nullptr) unpinLuOffHeapMapValue(env, created, JNI_INSERTED_PIN);
+  return outcome;
+}
+
+// The value's buffer, pinned JNI_GET_PIN, with the revision that it belongs to; null when absent.
+ByteBufferHeader* pinValue(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, jlong* revision,
+                           const char* function) {
+  BucketSet* set = key.setIn(map);
+  if (!lockOrRaise(env, set, function)) return nullptr;
+  ByteBufferHeader* buffer = nullptr;
+  if (const LuOffHeapValue* value = key.findIn(env, map)) {
+    buffer = value->value;
+    pin(env, buffer, JNI_GET_PIN);
+    *revision = value->revisionNumber;
+  }
+  unlockBucketSet(set);
+  return buffer;
+}
+
+}  // namespace
+
+jint Java_com_velt_rz_corvane_nimbra_MapNatives_put(JNIEnv* env, jclass, jlong handle,
+                                                    jbyteArray keyArray, jint hash,
+                                                    jbyteArray valueArray, jlong revision) {
+  auto* map = fromHandle<LuOffHeapMap>(handle);
+  const SearchKey key(env, keyArray, hash);
+  const ArrayCopy value(env, valueArray, "Value Data");
+  if (value.get() == nullptr) return kFailed;
+  // Each half is atomic; a key that comes or goes between them sends us round again.
+  for (;;) {
+    const WriteOutcome updated = update(env, map, key, value.get(), revision);
+    if (updated != WriteOutcome::none) return updated == WriteOutcome::done ? 0 : kFailed;
+    const ArrayCopy keyBuffer(env, keyArray, "Key Data");
+    if (keyBuffer.get() == nullptr) return kFailed;
+    const WriteOutcome inserted = insert(env, map, key, keyBuffer.get(), value.get(), revision);
+    if (inserted != WriteOutcome::none) return inserted == WriteOutcome::done ? 1 : kFailed;
+  }
+}
+
+jint Java_com_velt_rz_corvane_nimbra_MapNatives_putIfAbsent(JNIEnv* env, jclass, jlong handle,
+                                                            jbyteArray keyArray, jint hash,
+                                                            jbyteArray valueArray,
+                                                            jlong revision) {
+  auto* map = fromHandle<LuOffHeapMap>(handle);
+  const SearchKey key(env, keyArray, hash);
+  BucketSet* set = key.setIn(map);
+  if (!lockOrRaise(env, set, __func__)) return kFailed;
+  const bool present = key.findIn(env, map) != nullptr;
+  unlockBucketSet(set);
+  if (present) return 0;
+  const ArrayCopy keyBuffer(env, keyArray, "Key Data");
+  if (keyBuffer.get() == nullptr) return kFailed;
+  const ArrayCopy value(env, valueArray, "Value Data");
+  if (value.get() == nullptr) return kFailed;
+  switch (insert(env, map, key, keyBuffer.get(), value.get(), revision)) {
+    case WriteOutcome::done: return 1;
+    case WriteOutcome::none: return 0;
+    default: return kFailed;
+  }
+}
+
+jint Java_com_velt_rz_corvane_nimbra_MapNatives_replace(JNIEnv* env, jclass, jlong handle,
+                                                        jbyteArray keyArray, jint hash,
+                                                        jbyteArray valueArray, jlong revision) {
+  auto* map = fromHandle<LuOffHeapMap>(handle);
+  const SearchKey key(env, keyArray, hash);
+  const ArrayCopy value(env, valueArray, "Value Data");
+  if (value.get() == nullptr) return kFailed;
+  switch (update(env, map, key, value.get(), revision)) {
+    case WriteOutcome::done: return 1;
+    case WriteOutcome::none: return 0;
+    default: return kFailed;
+  }
+}
+
+jbyteArray Java_com_velt_rz_corvane_nimbra_MapNatives_get(JNIEnv* env, jclass, jlong handle,
+                                                          jbyteArray keyArray, jint hash) {
+  const SearchKey key(env, keyArray, hash);
+  jlong revision = 0;
+  ByteBufferHeader* buffer =
+      pinValue(env, fromHandle<LuOffHeapMap>(handle), key, &revision, __func__);
+  if (buffer == nullptr) return nullptr;
+  const auto length = static_cast<jsize>(buffer->dataSize);
+  const jbyteArray copy = env->NewByteArray(length);
+  if (copy != nullptr) {
+    env->SetByteArrayRegion(copy, 0, length, reinterpret_cast<const jbyte*>(bufferData(buffer)));
+  }
+  unpinToFree(env, buffer, JNI_GET_PIN);
+  return copy;
+}
+
+jint Java_com_velt_rz_corvane_nimbra_MapNatives_remove(JNIEnv* env, jclass, jlong handle,
+                                                       jbyteArray keyArray, jint hash) {
+  const SearchKey key(env, keyArray, hash);
+  WriteOutcome outcome;
+  LuOffHeapValue* removed =
+      removeAndPin(env, nullptr, fromHandle<LuOffHeapMap>(handle), key.object(),
+                   OBJECT_TYPE_JBYTE_ARRAY, key.buffer(), hash, true, &outcome);
+  if (removed != nullptr) unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
+  switch (outcome) {
+    case WriteOutcome::done: return 1;
+    case WriteOutcome::none: return 0;
+    default: return kFailed;
+  }
+}
+
+jboolean Java_com_velt_rz_corvane_nimbra_MapNatives_containsKey(JNIEnv* env, jclass, jlong handle,
+                                                                jbyteArray keyArray, jint hash) {
+  auto* map = fromHandle<LuOffHeapMap>(handle);
+  const SearchKey key(env, keyArray, hash);
+  BucketSet* set = key.setIn(map);
+  if (!lockOrRaise(env, set, __func__)) return JNI_FALSE;
+  const bool present = key.findIn(env, map) != nullptr;
+  unlockBucketSet(set);
+  return present ? JNI_TRUE : JNI_FALSE;
+}
+
+jlong Java_com_velt_rz_corvane_nimbra_MapNatives_pin(JNIEnv* env, jclass, jlong handle,
+                                                     jbyteArray keyArray, jint hash,
+                                                     jlongArray out) {
+  const SearchKey key(env, keyArray, hash);
+  jlong revision = 0;
+  ByteBufferHeader* buffer =
+      pinValue(env, fromHandle<LuOffHeapMap>(handle), key, &revision, __func__);
+  if (buffer == nullptr) return 0;
+  const jlong words[3] = {toHandle(bufferData(buffer)), static_cast<jlong>(buffer->dataSize),
+                          revision};
+  env->SetLongArrayRegion(out, 0, 3, words);
+  if (env->ExceptionCheck()) {
+    unpinToFree(env, buffer, JNI_GET_PIN);
+    return 0;
+  }
+  return toHandle(buffer);
+}
+
+void Java_com_velt_rz_corvane_nimbra_MapNatives_unpin(JNIEnv* env, jclass, jlong handle) {
+  unpinToFree(env, fromHandle<ByteBufferHeader>(handle), JNI_GET_PIN);
+}
+
+jlong Java_com_velt_rz_corvane_nimbra_MapNatives_hardCapLimit(JNIEnv*, jclass) {
+  return static_cast<jlong>(getHardCapLimit());
+}
+
+// ---- Walk over all entries -----------------------------------------------------------------
+// The position in a set's bucket array counts from the highest bit of the mask downward. A bucket
+// that splits when the set grows yields buckets that stand next to each other in that order, so a
+// walk neither misses nor repeats an entry while sets grow between its steps. (The counting is
+// Pieter Noordhuis's, known from hash tables that are scanned in steps.)
+
+namespace {
+
+uint32_t reverseBits(uint32_t bits) {
+  bits = ((bits >> 1) & 0x55555555U) | ((bits & 0x55555555U) << 1);
+  bits = ((bits >> 2) & 0x33333333U) | ((bits & 0x33333333U) << 2);
+  bits = ((bits >> 4) & 0x0F0F0F0FU) | ((bits & 0x0F0F0F0FU) << 4);
+  return __builtin_bswap32(bits);
+}
+
+// The next bucket position, 0 behind the last.
+uint32_t nextPosition(uint32_t position, uint32_t mask) {
+  return reverseBits(reverseBits(position | ~mask) + 1);
+}
+
+jsize chainLength(const LuOffHeapValue* value) {
+  jsize length = 0;
+  for (; value != nullptr; value = value->hashNext) length++;
+  return length;
+}
+
+// REQUIRES: the bucket set. Pins key and value buffers of a chain and writes their places.
+void writeChain(JNIEnv* env, const LuOffHeapValue* value, jlongArray out, jsize index) {
+  for (; value != nullptr; value = value->hashNext, index++) {
+    pin(env, value->key, JNI_GET_PIN);
+    pin(env, value->value, JNI_GET_PIN);
+    const jlong words[kScanWords] = {toHandle(bufferData(value->key)),
+                                     static_cast<jlong>(value->key->dataSize),
+                                     toHandle(bufferData(value->value)),
+                                     static_cast<jlong>(value->value->dataSize),
+                                     value->revisionNumber};
+    env->SetLongArrayRegion(out, index * kScanWords, kScanWords, words);
+  }
+}
+
+}  // namespace
+
+jint Java_com_velt_rz_corvane_nimbra_MapNatives_scan(JNIEnv* env, jclass, jlong handle,
+                                                     jlongArray cursorArray, jlongArray out) {
+  MapHeader* table = fromHandle<LuOffHeapMap>(handle)->map;
+  jlong cursor[2];
+  env->GetLongArrayRegion(cursorArray, 0, 2, cursor);
+  const jsize capacity = env->GetArrayLength(out) / kScanWords;
+  auto setIndex = static_cast<uint32_t>(cursor[0]);
+  auto position = static_cast<uint32_t>(cursor[1]);
+  jsize written = 0;
+  bool full = false;
+  while (!full && setIndex < table->numBucketSets) {
+    BucketSet* set = getBucketSetByIndex(table, setIndex);
+    if (!lockOrRaise(env, set, __func__)) break;
+    do {
+      const auto* first =
+          static_cast<const LuOffHeapValue*>(set->buckets[position & set->bucketMask]);
+      const jsize length = chainLength(first);
+      if (length > capacity - written) {
+        full = true;
+        if (written == 0) written = -length;
+        break;
+      }
+      writeChain(env, first, out, written);
+      written += length;
+      position = nextPosition(position, set->bucketMask);
+    } while (position != 0);
+    unlockBucketSet(set);
+    if (!full) setIndex++;
+  }
+  const jlong next[2] = {setIndex < table->numBucketSets ? static_cast<jlong>(setIndex) : -1,
+                         static_cast<jlong>(position)};
+  env->SetLongArrayRegion(cursorArray, 0, 2, next);
+  return written;
+}
+
+void Java_com_velt_rz_corvane_nimbra_MapNatives_unpinAll(JNIEnv* env, jclass, jlongArray out,
+                                                         jint from, jint count) {
+  for (jint i = from; i < from + count; i++) {
+    jlong words[kScanWords];
+    env->GetLongArrayRegion(out, i * kScanWords, kScanWords, words);
+    unpinToFree(env, headerOfData(fromHandle<void>(words[0])), JNI_GET_PIN);
+    unpinToFree(env, headerOfData(fromHandle<void>(words[2])), JNI_GET_PIN);
+  }
+}

@@ -1,0 +1,35 @@
+// What the files of the entry map share and nobody else needs.
+#pragma once
+
+#include <cstdint>
+
+#include "nb_alloc.h"
+#include "nb_logging.h"
+#include "nb_map.h"
+
+namespace nimbra {
+
+inline constexpr char kQueueLockText[] =
+    "Error acquiring internal queue lock in Nimbra library. Queue=%s";
+inline constexpr char kQueueLockMessage[] =
+    "Error acquiring internal queue lock in Nimbra library. Queue=Entry Revision Queue";
+
+// The result of a release that failed or of a record of no known kind.
+inline constexpr uint32_t kNoCount = 0xFFFFFFFFU;
+
+inline void addMetadata(uint64_t bytes) {
+  lockIncrement(&allocatingInternalMetadataSize, static_cast<int64_t>(bytes));
+}
+
+inline void subtractMetadata(uint64_t bytes) {
+  lockDecrement(&allocatingInternalMetadataSize, static_cast<int64_t>(bytes));
+}
+
+inline uint64_t usableSizeOf(const void* block) { return alignSize(block); }
+
+// The record's size under the switch as it stands; the switch must not change while values exist.
+inline uint64_t valueRecordSize() {
+  return _isDiskOverflowEnabled ? sizeof(LuOffHeapOverflowValue) : sizeof(LuOffHeapValue);
+}
+
+}  // namespace nimbra

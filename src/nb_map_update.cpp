@@ -1,0 +1,393 @@
+// The write operations of a map: insert, update, remove, and how each undoes what it began.
+//
+// State: none. Insert holds the map lock from before the bucket set to behind the queue; update lets
+// it go after the queue move and keeps the bucket set; remove takes no map lock and touches the queue
+// after the bucket set is free.
+#include "nb_map_private.h"
+
+namespace nimbra {
+
+namespace {
+
+constexpr char kUpdateMapTag[] = "LuMap upd[0]";
+constexpr char kUpdateSetTag[] = "BucketSet lum[6]";
+constexpr char kInsertSetTag[] = "BucketSet lum[7]";
+constexpr char kRemoveSetTag[] = "BucketSet lum[8]";
+
+void report(WriteOutcome* outcome, WriteOutcome what) {
+  if (outcome != nullptr) *outcome = what;
+}
+
+// A record on the stack that carries a key buffer and a hash to a search.
+LuOffHeapValue searchRecord(ByteBufferHeader* keyBuffer, int32_t hashCode, bool isHashCodeGiven) {
+  LuOffHeapValue record = {};
+  record.key = keyBuffer;
+  record.hashCode = hashCode;
+  if (isHashCodeGiven) record.flags = hashCodeGiven;
+  return record;
+}
+
+BucketSet* setOf(LuOffHeapMap* map, int32_t hashCode) {
+  return getBucketSet(map->map, static_cast<uint32_t>(hashCode));
+}
+
+// ---- Insert --------------------------------------------------------------------------------
+
+// REQUIRES: the map lock for writing. Takes the new value out of the table again, lets the map lock
+// go and frees the value.
+void rollBackInsert(JNIEnv* env, jobject caller, LuOffHeapMap* map, LuOffHeapValue* value) {
+  BucketSet* set = setOf(map, value->hashCode);
+  const bool locked = lockBucketSet(set) == 0;
+  unpinLuOffHeapMapValue(env, value, JNI_INSERTED_PIN);
+  if (locked) {
+    // By its own key bytes: the new entry is the first of its chain with them.
+    Pinnable* removed = hashtable_removeAndPin(env, caller, map->map, nullptr,
+                                               OBJECT_TYPE_VALUEHEADER, value, false);
+    if (removed != nullptr) unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
+    unlockBucketSet(set);
+  }
+  unlock(env, map);
+  unpinLuOffHeapMapValue(env, value, JNI_ROLLBACK_PIN);
+}
+
+// REQUIRES: the map lock for writing. Links the new value into its chain, pinned JNI_INSERTED_PIN.
+WriteOutcome insertIntoTable(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
+                             uint8_t keyFormat, LuOffHeapValue* value) {
+  BucketSet* set = setOf(map, value->hashCode);
+  if (lockBucketSet(set) != 0) {
+    unlock(env, map);
+    unpinLuOffHeapMapValue(env, value, JNI_ROLLBACK_PIN);
+    NB_ERROR_GENERIC(env, kLockErrorKey, kAcquireLockText, kInsertSetTag);
+    return WriteOutcome::failed;
+  }
+  NB_DEBUG_AS(env, "insertAndPin",
+              "insert the new LuOffHeapMap. key=%p, hashCode=%d, value=%p, newLuValue=%p "
+              "revOwner=%d, revNum=%d",
+              static_cast<void*>(value->key), value->hashCode, static_cast<void*>(value->value),
+              static_cast<void*>(value), value->revisionOwner,
+              static_cast<int>(value->revisionNumber));
+  int32_t inserted = -1;
+  const Pinnable* entry =
+      hashtable_insertAndPin(env, caller, map->map, key, keyFormat, value, &inserted, false);
+  unlockBucketSet(set);
+  if (entry != nullptr) return WriteOutcome::done;
+  unlock(env, map);
+  ByteBufferHeader* keyBuffer = value->key;
+  const int32_t hashCode = value->hashCode;
+  ByteBufferHeader* buffer = value->value;
+  unpinLuOffHeapMapValue(env, value, JNI_ROLLBACK_PIN);
+  NB_DEBUG_AS(env, "insertAndPin",
+              "fail inserting LuOffHeapMap. Start free the allocated LuOffHeapMapValue. key=%p, "
+              "hashCode=%d, value=%p, LuOffHeapMapValue=%p",
+              static_cast<void*>(keyBuffer), hashCode, static_cast<void*>(buffer),
+              static_cast<void*>(value));
+  return env->ExceptionCheck() ? WriteOutcome::failed : WriteOutcome::none;
+}
+
+}  // namespace
+
+LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
+                             uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
+                             bool isHashCodeGiven, ByteBufferHeader* value,
+                             uint16_t revisionOwner, int64_t revisionNumber,
+                             WriteOutcome* outcome) {
+  constexpr char kEnter[] =
+      "luMap=%p key=%p hashCode=%d value=%p revisionOwner=%d revisionNumber=%lu withHashCode=%s";
+  if (logInfo.entryExit) {
+    entry(env, __func__, kEnter, static_cast<void*>(map), static_cast<void*>(keyBuffer), hashCode,
+          static_cast<void*>(value), revisionOwner, static_cast<unsigned long>(revisionNumber),
+          isHashCodeGiven ? "true" : "false");
+  } else {
+    NB_EVENT(env, kEnter, static_cast<void*>(map), static_cast<void*>(keyBuffer), hashCode,
+             static_cast<void*>(value), revisionOwner, static_cast<unsigned long>(revisionNumber),
+             isHashCodeGiven ? "true" : "false");
+  }
+  report(outcome, WriteOutcome::failed);
+  LuOffHeapValue* created = allocateLuOffHeapMapValue(
+      env, keyBuffer, hashCode, isHashCodeGiven, value, revisionOwner, revisionNumber);
+  if (created == nullptr) {
+    NB_DEBUG(env, "fail allocating a LuOffHeapValue. key=%p, hashCode=%d, value=%p",
+             static_cast<void*>(keyBuffer), hashCode, static_cast<void*>(value));
+    return nullptr;
+  }
+  // Deliberate: a map lock that cannot be had leaves the new value allocated. The contract with Java
+  // says so. Pinned by InsertRollback.MapLockFailureLeavesTheValue.
+  if (wrlock(env, map) != 0) return nullptr;
+
+  const WriteOutcome linked = insertIntoTable(env, caller, map, key, keyFormat, created);
+  if (linked != WriteOutcome::done) {
+    report(outcome, linked);
+    return nullptr;
+  }
+  NB_DEBUG(env, "insert the revision queue. key=%p, hashCode=%d, value=%p, newLuValue=%p",
+           static_cast<void*>(keyBuffer), hashCode, static_cast<void*>(value),
+           static_cast<void*>(created));
+  NB_DEBUG(env, "insert the new value. key=%p, hashCode=%d, value=%p, newLuValue=%p",
+           static_cast<void*>(keyBuffer), hashCode, static_cast<void*>(value),
+           static_cast<void*>(created));
+  if (!updateRevisionQueue(env, map, nullptr, created)) {
+    NB_ERROR_GENERIC(env, kGenericErrorKey,
+                     "error to insert the previous value. key=%p, hashCode=%d, value=%p, "
+                     "newLuValue=%p",
+                     static_cast<void*>(keyBuffer), hashCode, static_cast<void*>(value),
+                     static_cast<void*>(created));
+    rollBackInsert(env, caller, map, created);
+    return nullptr;
+  }
+  if (unlock(env, map) != 0) return nullptr;
+  NB_DEBUG(env, "return new value. newLuValue=%p", static_cast<void*>(created));
+  unpinLuOffHeapMapValue(env, created, ALLOCATION_PIN);
+  report(outcome, WriteOutcome::done);
+  return created;
+}
+
+// ---- Update --------------------------------------------------------------------------------
+
+namespace {
+
+constexpr char kUpdate[] = "updateAndPin";
+
+struct Update {
+  LuOffHeapMap* map;
+  BucketSet* set;
+  LuOffHeapValue* existing;  // pinned JNI_UPDATED_PIN
+  LuOffHeapValue* snapshot;  // its ALLOCATION_PIN
+};
+
+// Drops both records and the bucket set. REQUIRES: the bucket set.
+void dropUpdate(JNIEnv* env, const Update& update) {
+  unpinLuOffHeapMapValue(env, update.snapshot, JNI_ROLLBACK_PIN);
+  unpinLuOffHeapMapValue(env, update.existing, JNI_ROLLBACK_PIN);
+  unlockBucketSet(update.set);
+}
+
+// The same with the map lock held.
+void giveUpUpdate(JNIEnv* env, const Update& update) {
+  dropUpdate(env, update);
+  unlock(env, update.map);
+}
+
+void reportQueueLock(JNIEnv* env) {
+  NB_ERROR_GENERIC(env, kLockErrorKey, "%s", kQueueLockMessage);
+  throw_exception(env, kUpdate, kQueueLockMessage);
+}
+
+// Takes the entry out of its old queue and gives it to the new owner. Gives up on failure.
+bool leaveOldQueue(JNIEnv* env, const Update& update, LuOffHeapRevisionOrderQueue* oldQueue,
+                   uint16_t newOwner) {
+  LuOffHeapValue* existing = update.existing;
+  if (lockQueue(oldQueue) != 0) {
+    giveUpUpdate(env, update);
+    reportQueueLock(env);
+    return false;
+  }
+  replace_bookmark(env, oldQueue, existing, static_cast<LuOffHeapValue*>(existing->prev));
+  if (env->ExceptionCheck()) {
+    unlockQueue(oldQueue);
+    giveUpUpdate(env, update);
+    return false;
+  }
+  // An entry that is in no queue is tolerated: the append below puts it back in order.
+  if (!removeFromQueue(env, oldQueue, existing) && env->ExceptionCheck()) env->ExceptionClear();
+  existing->revisionOwner = newOwner;
+  if (unlockQueue(oldQueue) != 0) {
+    giveUpUpdate(env, update);
+    throw_exception(env, kUpdate, "Unlock queue during update's removal from queue failed.");
+    return false;
+  }
+  return true;
+}
+
+// Puts the entry into its new queue at its new revision. Gives up on failure.
+bool enterNewQueue(JNIEnv* env, const Update& update, LuOffHeapRevisionOrderQueue* newQueue,
+                   int64_t revisionNumber) {
+  if (lockQueue(newQueue) != 0) {
+    giveUpUpdate(env, update);
+    reportQueueLock(env);
+    return false;
+  }
+  update.existing->revisionNumber = revisionNumber;
+  if (!appendToQueue(env, newQueue, update.existing)) {
+    unlockQueue(newQueue);
+    giveUpUpdate(env, update);
+    return false;
+  }
+  if (unlockQueue(newQueue) != 0) {
+    removeFromQueue(env, newQueue, update.existing);
+    unlockQueue(newQueue);
+    giveUpUpdate(env, update);
+    throw_exception(env, kUpdate, "Unlocking queue during update's appending to queue failed.");
+    return false;
+  }
+  return true;
+}
+
+// Lets the map lock go; on failure the entry leaves the new queue again.
+bool releaseMap(JNIEnv* env, const Update& update, LuOffHeapRevisionOrderQueue* newQueue) {
+  if (unlock(nullptr, update.map) == 0) return true;
+  if (lockQueue(newQueue) == 0) {
+    removeFromQueue(env, newQueue, update.existing);
+    unlockQueue(newQueue);
+  }
+  giveUpUpdate(env, update);
+  throw_exception(env, kUpdate, "Unlocking map during update's appending to queue failed.");
+  return false;
+}
+
+// Moves the old buffer to the snapshot and gives the entry the new one, under the mutex of the queue
+// that holds the entry: a walk over that queue pins either the old buffer or the new one, and never
+// one that has just been freed. REQUIRES: the bucket set.
+bool swapValue(JNIEnv* env, jobject caller, const Update& update,
+               LuOffHeapRevisionOrderQueue* queue, ByteBufferHeader* value) {
+  LuOffHeapValue* existing = update.existing;
+  LuOffHeapValue* snapshot = update.snapshot;
+  if (lockQueue(queue) != 0) return false;
+  snapshot->value = existing->value;
+  snapshot->valueLength = existing->valueLength;
+  if (snapshot->value != nullptr) {
+    pin(env, snapshot->value, MAPENTRY_VALUE_PIN);
+    snapshot->flags = static_cast<uint16_t>(snapshot->flags | HAS_VALUE);
+  } else {
+    snapshot->flags = static_cast<uint16_t>(snapshot->flags & ~HAS_VALUE);
+  }
+  const bool swapped =
+      hashtable_update(env, caller, update.map->map, existing, value, false) != nullptr;
+  if (swapped) {
+    existing->valueLength = sizeofByteBufferHeader(value);
+    existing->flags = static_cast<uint16_t>(existing->flags | HAS_VALUE);
+  }
+  unlockQueue(queue);
+  return swapped;
+}
+
+}  // namespace
+
+LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
+                             uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
+                             bool isHashCodeGiven, ByteBufferHeader* value,
+                             uint16_t revisionOwner, int64_t revisionNumber,
+                             WriteOutcome* outcome) {
+  constexpr char kEnter[] =
+      "luMap=%p key=%p hashCode=%d value=%p revisionOwner=%d revisionNumber=%lu withHashCode=%s";
+  if (logInfo.entryExit) {
+    entry(env, __func__, kEnter, static_cast<void*>(map), static_cast<void*>(keyBuffer), hashCode,
+          static_cast<void*>(value), revisionOwner, static_cast<unsigned long>(revisionNumber),
+          isHashCodeGiven ? "true" : "false");
+  } else {
+    NB_DEBUG(env, kEnter, static_cast<void*>(map), static_cast<void*>(keyBuffer), hashCode,
+             static_cast<void*>(value), revisionOwner, static_cast<unsigned long>(revisionNumber),
+             isHashCodeGiven ? "true" : "false");
+  }
+  report(outcome, WriteOutcome::failed);
+  if (wrlock(env, map) != 0) {
+    NB_ERROR_GENERIC(env, kLockErrorKey, kAcquireLockText, kUpdateMapTag);
+    return nullptr;
+  }
+  BucketSet* set = setOf(map, hashCode);
+  if (lockBucketSet(set) != 0) {
+    NB_ERROR_GENERIC(env, kLockErrorKey, kAcquireLockText, kUpdateSetTag);
+    unlock(env, map);
+    return nullptr;
+  }
+  LuOffHeapRevisionOrderQueue* newQueue = getQueue(env, map, revisionOwner);
+  if (newQueue == nullptr) {
+    unlockBucketSet(set);
+    unlock(env, map);
+    return nullptr;
+  }
+  LuOffHeapValue search = searchRecord(keyBuffer, hashCode, isHashCodeGiven);
+  auto* existing = static_cast<LuOffHeapValue*>(hashtable_getAndPin(
+      env, caller, map->map, key, keyFormat, &search, false, JNI_UPDATED_PIN));
+  if (existing == nullptr) {
+    NB_DEBUG(env,
+             "no entry for the specified key. searchEntry->key=%p searchEntry->hashCode=%lu",
+             static_cast<void*>(keyBuffer), static_cast<unsigned long>(hashCode));
+    unlockBucketSet(set);
+    unlock(env, map);
+    report(outcome, WriteOutcome::none);
+    return nullptr;
+  }
+  LuOffHeapRevisionOrderQueue* oldQueue = existing->revisionOwner == revisionOwner
+                                              ? newQueue
+                                              : getQueue(env, map, existing->revisionOwner);
+  LuOffHeapValue* snapshot =
+      allocateLuOffHeapMapValue(env, existing->key, existing->hashCode, true, nullptr,
+                                existing->revisionOwner, existing->revisionNumber);
+  if (snapshot == nullptr) {
+    unpinLuOffHeapMapValue(env, existing, JNI_ROLLBACK_PIN);
+    unlockBucketSet(set);
+    unlock(env, map);
+    return nullptr;
+  }
+  const Update update{map, set, existing, snapshot};
+  if (!leaveOldQueue(env, update, oldQueue, revisionOwner) ||
+      !enterNewQueue(env, update, newQueue, revisionNumber) || !releaseMap(env, update, newQueue)) {
+    return nullptr;
+  }
+  if (!swapValue(env, caller, update, newQueue, value)) {
+    NB_DEBUG(env, "hashtable update failed.");
+    dropUpdate(env, update);
+    return nullptr;
+  }
+  unpinLuOffHeapMapValue(env, existing, JNI_UPDATED_PIN);
+  unlockBucketSet(set);
+  NB_EXIT(env, "updated LuValue=%p for key=%p", static_cast<void*>(existing),
+          static_cast<void*>(keyBuffer));
+  report(outcome, WriteOutcome::done);
+  return snapshot;
+}
+
+// ---- Remove --------------------------------------------------------------------------------
+
+LuOffHeapValue* removeAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
+                             uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
+                             bool isHashCodeGiven, WriteOutcome* outcome) {
+  NB_DEBUG(env, "entry. LuMap=%p MapHeader=%p key=%p hashCode=%d", static_cast<void*>(map),
+           static_cast<void*>(map->map), static_cast<void*>(keyBuffer), hashCode);
+  report(outcome, WriteOutcome::failed);
+  BucketSet* set = setOf(map, hashCode);
+  NB_DEBUG(env, "lock BucketSet. LuMap=%p MapHeader=%p key=%p hashCode=%d bucketSet=%p",
+           static_cast<void*>(map), static_cast<void*>(map->map), static_cast<void*>(keyBuffer),
+           hashCode, static_cast<void*>(set));
+  if (lockBucketSet(set) != 0) {
+    NB_ERROR_GENERIC(env, kLockErrorKey, kAcquireLockText, kRemoveSetTag);
+    return nullptr;
+  }
+  LuOffHeapValue search = searchRecord(keyBuffer, hashCode, isHashCodeGiven);
+  auto* removed = static_cast<LuOffHeapValue*>(
+      hashtable_removeAndPin(env, caller, map->map, key, keyFormat, &search, false));
+  if (removed == nullptr) {
+    NB_DEBUG(env, "no map entry. map=%p, key=%p, hashCode=%d", static_cast<void*>(map),
+             static_cast<void*>(keyBuffer), hashCode);
+    unlockBucketSet(set);
+    report(outcome, WriteOutcome::none);
+    return nullptr;
+  }
+  NB_DEBUG(env, "remove from the revision queue. key=%p, hashCode=%d, removedEntry=%p",
+           static_cast<void*>(keyBuffer), hashCode, static_cast<void*>(removed));
+  unlockBucketSet(set);
+  if (!removeFromRevisionQueue(env, map, removed)) {
+    unpinLuOffHeapMapValue(env, removed, JNI_ROLLBACK_PIN);
+    NB_ERROR_GENERIC(env, kLockErrorKey,
+                     "error to get lock for the queue. Now, LuOffHeapMap becomes inconsistent. "
+                     "key=%p, hashCode=%d, removedEntry=%p ",
+                     static_cast<void*>(keyBuffer), hashCode, static_cast<void*>(removed));
+    return nullptr;
+  }
+  report(outcome, WriteOutcome::done);
+  return removed;
+}
+
+LuOffHeapValue* removeAndGetAndPinLuOffHeapMap(JNIEnv* env, jobject caller, LuOffHeapMap* map,
+                                               jobject key, ByteBufferHeader* keyBuffer,
+                                               int32_t hashCode, bool isHashCodeGiven) {
+  return removeAndPin(env, caller, map, &key, OBJECT_TYPE_JBYTE_BUFFER, keyBuffer, hashCode,
+                      isHashCodeGiven);
+}
+
+bool copyBAToBB(JNIEnv* env, ByteBufferHeader* target, jbyteArray source, int32_t length) {
+  env->GetByteArrayRegion(source, 0, length, reinterpret_cast<jbyte*>(bufferData(target)));
+  return !env->ExceptionCheck();
+}
+
+}  // namespace nimbra

@@ -1,0 +1,243 @@
+// Value records: the table's view of them, their birth and their release.
+//
+// State: none. The accessors read fields without locks: callers hold the bucket set or a pin. The
+// last unpin may run under any of the caller's locks and takes none of its own.
+#include "nb_map_private.h"
+
+namespace nimbra {
+
+Pinnable* getNext_LuValue(JNIEnv* /*env*/, Pinnable* entry) {
+  return static_cast<LuOffHeapValue*>(entry)->hashNext;
+}
+
+Pinnable* setNext_LuValue(JNIEnv* /*env*/, Pinnable* entry, Pinnable* next) {
+  static_cast<LuOffHeapValue*>(entry)->hashNext = static_cast<LuOffHeapValue*>(next);
+  return entry;
+}
+
+ByteBufferHeader* getKey_LuValue(JNIEnv* /*env*/, Pinnable* entry) {
+  return static_cast<LuOffHeapValue*>(entry)->key;
+}
+
+ByteBufferHeader* getValue_LuValue(JNIEnv* /*env*/, Pinnable* entry) {
+  return static_cast<LuOffHeapValue*>(entry)->value;
+}
+
+Pinnable* setValue_LuValue(JNIEnv* /*env*/, Pinnable* entry, ByteBufferHeader* value) {
+  static_cast<LuOffHeapValue*>(entry)->value = value;
+  return entry;
+}
+
+uint32_t getHash_LuValue(JNIEnv* /*env*/, Pinnable* entry) {
+  return static_cast<uint32_t>(static_cast<LuOffHeapValue*>(entry)->hashCode);
+}
+
+uint64_t sizeofLuOffHeapMapValue(JNIEnv* /*env*/, const LuOffHeapValue* value) {
+  if (value == nullptr) return 0;
+  uint64_t size = usableSizeOf(value);
+  if (value->key != nullptr) size += sizeofByteBufferHeader(value->key);
+  if ((value->flags & HAS_VALUE) != 0 && value->value != nullptr) {
+    size += sizeofByteBufferHeader(value->value);
+  }
+  return size;
+}
+
+uint64_t getSize_LuValue(JNIEnv* env, Pinnable* entry) {
+  const auto* value = static_cast<LuOffHeapValue*>(entry);
+  const uint64_t size = sizeofLuOffHeapMapValue(env, value);
+  if (value == nullptr || (value->flags & HAS_VALUE) != 0) return size;
+  NB_DEBUG(env, "HAS_VALUE flag not set (value has been offloaded to disk)");
+  return size + value->valueLength;
+}
+
+LuOffHeapValue* allocateLuOffHeapMapValue(JNIEnv* env, ByteBufferHeader* key, int32_t hashCode,
+                                          bool isHashCodeGiven, ByteBufferHeader* value,
+                                          uint16_t revisionOwner, int64_t revisionNumber) {
+  NB_DEBUG(env,
+           "key=%p, hashCode=%d, isHashCode=%d, value=%p, revisionOwner=%d,revisionNumber=%d",
+           static_cast<void*>(key), hashCode, isHashCodeGiven, static_cast<void*>(value),
+           revisionOwner, static_cast<int>(revisionNumber));
+  LuOffHeapValue* record = nullptr;
+  if (_isDiskOverflowEnabled) {
+    NB_DEBUG(env, "NOF: adding %ld to malloc_size", static_cast<long>(sizeof(overflow_metadata)));
+    auto* variant = static_cast<LuOffHeapOverflowValue*>(malloc_nb(
+        env, sizeof(LuOffHeapOverflowValue), "LuOffHeapMapValue (Overflow Enabled)"));
+    if (variant == nullptr) return nullptr;
+    variant->metadata.mapHeader = nullptr;
+    variant->metadata.flags = 0;
+    record = variant;
+  } else {
+    record = static_cast<LuOffHeapValue*>(
+        malloc_nb(env, sizeof(LuOffHeapValue), "LuOffHeapMapValue"));
+    if (record == nullptr) return nullptr;
+  }
+  record->pins = 0;
+  record->prev = nullptr;
+  record->next = nullptr;
+  record->key = key;
+  record->value = value;
+  record->hashNext = nullptr;
+  record->revisionNumber = revisionNumber;
+  record->evictionData = nullptr;
+  record->ttlEvictionData = nullptr;
+  record->valueLength = 0;
+  record->hashCode = hashCode;
+  record->revisionOwner = revisionOwner;
+  record->flags =
+      static_cast<uint16_t>(clientDirty | HAS_VALUE | (isHashCodeGiven ? hashCodeGiven : 0));
+  if (key != nullptr) {
+    pin(env, key, LUOFFHEAPMAPVALUE_KEY_PIN);
+  } else {
+    NB_DEBUG(env, "New LuValue was created without a valid key.");
+  }
+  if (value != nullptr) {
+    pin(env, value, LUOFFHEAPMAPVALUE_VALUE_PIN);
+    record->valueLength = sizeofByteBufferHeader(value);
+  } else {
+    record->flags = static_cast<uint16_t>(record->flags & ~HAS_VALUE);
+  }
+  pin(env, static_cast<Pinnable*>(record), ALLOCATION_PIN);
+  NB_DEBUG(env, "luValue=%p luValue->key=%p luValue->value=%p luValue->flags=%d",
+           static_cast<void*>(record), static_cast<void*>(record->key),
+           static_cast<void*>(record->value), record->flags);
+  return record;
+}
+
+void freeLuOffHeapValue(JNIEnv* env, LuOffHeapMap* /*map*/, LuOffHeapValue* value) {
+  free_nb(env, value, valueRecordSize());
+}
+
+namespace {
+
+constexpr char kRelease[] = "unpinLuOffHeapMapValue";  // the name in the records of the release
+
+void releaseKey(JNIEnv* env, LuOffHeapValue* value) {
+  if (value->key == nullptr) return;
+  ByteBufferHeader* key = value->key;
+  NB_DEBUG_AS(env, kRelease, "Unpinning luValue->key=%p", static_cast<void*>(key));
+  const int32_t left = unpinToFree(env, key, LUOFFHEAPMAPVALUE_KEY_PIN);
+  if (left != 0) {
+    NB_DEBUG_AS(env, kRelease, "unpinned value->key=%p, refCount=%d", static_cast<void*>(key),
+                left);
+  } else if (logInfo.debug) {
+    debug(env, kRelease, "freed value->key=%p, refCount=%d", static_cast<void*>(key), left);
+    value->key = nullptr;  // under debug only; the record is freed below in any case
+  }
+}
+
+void releaseEvictionData(JNIEnv* env, LuOffHeapValue* value) {
+  LuOffHeapEvictionData* record = value->evictionData;
+  if (record == nullptr) return;
+  NB_DEBUG_AS(env, kRelease, "Unpinning luValue->evictionData=%p", static_cast<void*>(record));
+  const uint32_t left = unpinLuOffHeapEvictionData(env, record, LUOFFHEAPMAPVALUE_EVICTION_PIN);
+  if (left != 0) {
+    NB_DEBUG_AS(env, kRelease, "Unpinned luValue->evictionData=%p, refCount=%d",
+                static_cast<void*>(record), static_cast<int>(left));
+  } else {
+    NB_DEBUG_AS(env, kRelease, "Freed luValue->evictionData=%p, refCount=%d",
+                static_cast<void*>(record), static_cast<int>(left));
+  }
+}
+
+void releaseTtlEvictionData(JNIEnv* env, LuOffHeapValue* value) {
+  LuOffHeapEvictionData* record = value->ttlEvictionData;
+  if (record == nullptr) return;
+  NB_DEBUG_AS(env, kRelease, "Unpinning luValue->ttlEvictionData=%p", static_cast<void*>(record));
+  const uint32_t left = unpinLuOffHeapEvictionData(env, record, LUOFFHEAPMAPVALUE_EVICTION_PIN);
+  if (left != 0) {
+    NB_DEBUG_AS(env, kRelease, "Unpinned luValue->ttlEvictionData=%p, refCount=%d",
+                static_cast<void*>(record), static_cast<int>(left));
+  } else {
+    NB_DEBUG_AS(env, kRelease, "Freed luValue->ttlEvictionData=%p, refCount=%d",
+                static_cast<void*>(record), static_cast<int>(left));
+  }
+}
+
+void releaseValueBuffer(JNIEnv* env, LuOffHeapValue* value) {
+  ByteBufferHeader* buffer = value->value;
+  NB_DEBUG_AS(env, kRelease, "Unpinning luValue->value=%p", static_cast<void*>(buffer));
+  if (buffer == nullptr) return;
+  if (lockRead(&buffer->pins) == 0) {
+    NB_DEBUG_AS(env, kRelease, "refcount already == 0! For LuValue->value=%p",
+                static_cast<void*>(buffer));
+  }
+  const int32_t left = unpinToFree(env, buffer, LUOFFHEAPMAPVALUE_VALUE_PIN);
+  if (left != 0) {
+    NB_DEBUG_AS(env, kRelease, "Unpinned value->value=%p, refCount=%d",
+                static_cast<void*>(buffer), left);
+  } else {
+    NB_DEBUG_AS(env, kRelease, "Freed value->value=%p, refCount=%d", static_cast<void*>(buffer),
+                left);
+  }
+}
+
+}  // namespace
+
+uint32_t unpinLuOffHeapMapValue(JNIEnv* env, Pinnable* entry, uint32_t reason) {
+  auto* value = static_cast<LuOffHeapValue*>(entry);
+  NB_ENTRY(env, "luValue=%p", static_cast<void*>(value));
+  const int32_t pins = unpin(env, static_cast<Pinnable*>(value), reason);
+  if (pins > 0) {
+    if (_isDiskOverflowEnabled) {
+      NB_EXIT(env, "luValue=%p  remaining pins=%d", static_cast<void*>(value), pins);
+    } else {
+      NB_EXIT(env, "luValue=%p remaining pins=%d", static_cast<void*>(value), pins);
+    }
+    return static_cast<uint32_t>(pins);
+  }
+  NB_DEBUG(env, "luValue=%p pins <= 0, freeing constituent members", static_cast<void*>(value));
+  NB_EVENT(env, "luValue=%p pins <= 0, freeing constituent members", static_cast<void*>(value));
+  releaseKey(env, value);
+  releaseEvictionData(env, value);
+  releaseTtlEvictionData(env, value);
+  releaseValueBuffer(env, value);
+  if ((value->flags & HAS_VALUE) == 0 && value->value != nullptr) {
+    NB_WARNING(env, "LuValue->valueLength was 0, the pointer was not NULL. Found value=%p",
+               static_cast<void*>(value->value));
+  }
+  freeLuOffHeapValue(env, nullptr, value);
+  NB_EXIT(env, "completed and freed LuValue=%p", static_cast<void*>(value));
+  return 0;
+}
+
+uint32_t unpinLuQueueEntry(JNIEnv* env, LuQueueEntry* entry, uint8_t kind, uint32_t reason) {
+  switch (kind) {
+    case kRevisionQueue: return unpinLuOffHeapMapValue(env, entry, reason);
+    case kEvictionQueue:
+      return unpinLuOffHeapEvictionData(env, static_cast<LuOffHeapEvictionData*>(entry), reason);
+    default: return kNoCount;
+  }
+}
+
+void luoffheap_map_sizes(JNIEnv* env) {
+  NB_DEBUG(env, "LuOffHeapEvictionData=%zu", sizeof(LuOffHeapEvictionData));
+  NB_DEBUG(env, "LuOffHeapMap=%zu", sizeof(LuOffHeapMap));
+  NB_DEBUG(env, "LuOffHeapValue(NO_OVERFLOW)=%zu", sizeof(LuOffHeapValue));
+  NB_DEBUG(env, "LuOffHeapValue(OVERFLOW)=%zu", sizeof(LuOffHeapOverflowValue));
+  NB_DEBUG(env, "overflow_metadata=%zu", sizeof(overflow_metadata));
+  NB_DEBUG(env, "pthread_mutex_t=%zu", sizeof(pthread_mutex_t));
+  NB_DEBUG(env, "pthread_t=%zu", sizeof(pthread_t));
+  NB_DEBUG(env, "pthread_cond_t=%zu", sizeof(pthread_cond_t));
+}
+
+overflow_metadata* allocateOverflowMetadata(JNIEnv* env, uint32_t count) {
+  NB_DEBUG(env, "starting sub-allocation.");
+  auto* block = static_cast<overflow_metadata*>(malloc_nb(
+      env, static_cast<uint64_t>(count) * sizeof(overflow_metadata), "overflow_metadata_t"));
+  if (block == nullptr) return nullptr;
+  addMetadata(sizeofOverflowMetadata(block, count));
+  NB_DEBUG(env, "sub-allocation has finished. overflow_metadata=%p", static_cast<void*>(block));
+  return block;
+}
+
+uint64_t sizeofOverflowMetadata(const overflow_metadata* block, uint32_t /*count*/) {
+  return usableSizeOf(block);
+}
+
+void freeOverflowMetadata(JNIEnv* env, overflow_metadata* block, uint32_t count) {
+  const uint64_t size = sizeofOverflowMetadata(block, count);
+  subtractMetadata(size);
+  free_nb(env, block, size);
+}
+
+}  // namespace nimbra
