@@ -76,9 +76,13 @@ class ArrayCopy {
   ByteBufferHeader* header_ = nullptr;
 };
 
+void raiseLockFailure(JNIEnv* env, const char* function) {
+  throw_exception(env, function, "Error acquiring BucketSet lock in Nimbra library.");
+}
+
 bool lockOrRaise(JNIEnv* env, BucketSet* set, const char* function) {
   if (lockBucketSet(set) == 0) return true;
-  throw_exception(env, function, "Error acquiring BucketSet lock in Nimbra library.");
+  raiseLockFailure(env, function);
   return false;
 }
 
@@ -295,7 +299,11 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_scan(JNIEnv* env, jclass, jlong 
   bool full = false;
   while (!full && setIndex < table->numBucketSets) {
     BucketSet* set = getBucketSetByIndex(table, setIndex);
-    if (!lockOrRaise(env, set, __func__)) break;
+    if (lockBucketSet(set) != 0) {
+      // With entries already pinned for Java the failure waits for the next step.
+      if (written == 0) raiseLockFailure(env, __func__);
+      break;
+    }
     do {
       const auto* first =
           static_cast<const LuOffHeapValue*>(set->buckets[position & set->bucketMask]);
