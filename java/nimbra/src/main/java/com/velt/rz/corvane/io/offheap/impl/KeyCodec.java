@@ -6,6 +6,9 @@ import java.nio.ByteBuffer;
  * Gives keys of type tag 100 their meaning. Both methods run inside a native call with the key's bucket set locked:
  * they must not call a map. An exception is logged and counts as no match. Implementations are safe for use by several
  * threads.
+ *
+ * <p>A search asks once: the first such key of the chain that has the searched hash code decides, and an entry behind
+ * it is not found. Hash codes of different keys must therefore differ.
  */
 public interface KeyCodec {
     /** Deserializes nothing: the key object is the buffer, and keys match when all their bytes are equal. */
