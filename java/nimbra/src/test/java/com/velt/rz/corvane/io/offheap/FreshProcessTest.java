@@ -61,4 +61,10 @@ class FreshProcessTest {
         boolean bad = level == 896;
         assertEquals(bad, result.output().contains("'" + configured + "' in log level"), result::output);
     }
+
+    @Test
+    void withoutTheSystemPropertyTheDefaultLevelHolds() {
+        ChildJvm.Result result = ChildJvm.run(List.of(), LevelProbe.class.getName());
+        assertEquals("level=896\n", result.output());
+    }
 }
