@@ -201,7 +201,15 @@ TEST_F(AllocCounters, ThreadsKeepTheCountersExact) {
 
 // ---- Refusals --------------------------------------------------------------------------
 
-class AllocRefusal : public AllocTest {};
+class AllocRefusal : public AllocTest {
+ protected:
+  int64_t usableOf(uint64_t size) {
+    void* probe = malloc_nb(env, size, "Key Data");
+    const auto usable = static_cast<int64_t>(getUsableSize(probe));
+    free_nb(env, probe, size);
+    return usable;
+  }
+};
 
 TEST_F(AllocRefusal, ReachingTheMaximumIsRefusedBeforeAllocating) {
   setLevels(kErrorLevel);
@@ -219,63 +227,47 @@ TEST_F(AllocRefusal, ReachingTheMaximumIsRefusedBeforeAllocating) {
 }
 
 TEST_F(AllocRefusal, SizeInUseMayEqualTheMaximumAfterwards) {
-  void* probe = malloc_nb(env, 97, "Key Data");
-  const auto usable = static_cast<int64_t>(getUsableSize(probe));
-  free_nb(env, probe, 97);
-  ASSERT_GT(usable, 98) << "the size must leave some slack in its block";
-
-  countBytes(1'000);
-  maxOffHeapSize = 1'000 + usable;
+  const RefuseAfterwards refusal(jni, 1, kAmpleMaximum - usableOf(97));
   EXPECT_NE(keep(malloc_nb(env, 97, "Key Data")), nullptr);
+  EXPECT_EQ(allocatingOffHeapSize, kAmpleMaximum);
   EXPECT_EQ(jni.pending(), std::nullopt);
 }
 
 TEST_F(AllocRefusal, CountsStayRaised) {
-  void* probe = malloc_nb(env, 97, "Key Data");
-  const auto usable = static_cast<int64_t>(getUsableSize(probe));
-  free_nb(env, probe, 97);
-  ASSERT_GT(usable, 98);
-
-  setLevels(kErrorLevel);
-  countBytes(1'000);
-  maxOffHeapSize = 1'000 + usable - 1;
+  const RefuseAfterwards refusal(jni, 1, kAmpleMaximum - usableOf(97) + 1);
   const int64_t blocks = allocatingOffHeapBlocks;
   EXPECT_EQ(malloc_nb(env, 97, "Key Data"), nullptr);
   EXPECT_EQ(jni.takePending(), (Thrown{kOutOfMemory, kRefusalText}));
-  EXPECT_THAT(jni.lines(), ElementsAre("error|OUT_OF_MEMORY_KTZAR7930"));
   EXPECT_EQ(allocatingOffHeapBlocks, blocks + 1) << "one more than there are live blocks";
-  EXPECT_EQ(allocatingOffHeapSize, 1'000 + usable);
+  EXPECT_EQ(allocatingOffHeapSize, kAmpleMaximum + 1) << "the freed block stays counted";
   expectedBlocksDelta = 1;
 }
 
 TEST_F(AllocRefusal, AfterwardsWithOverflowOnRaisesNotEnoughResources) {
+  const RefuseAfterwards refusal(jni);
   _isDiskOverflowEnabled = true;
-  {
-    const RefuseAllocation refusal(1, RefuseAllocation::Way::kOverMaximumNow);
-    EXPECT_EQ(malloc_nb(env, 97, "Key Data"), nullptr);
-    EXPECT_TRUE(refusal.fired());
-  }
+  EXPECT_EQ(malloc_nb(env, 97, "Key Data"), nullptr);
   _isDiskOverflowEnabled = false;
   EXPECT_EQ(jni.takePending(), (Thrown{kNotEnoughResources, kRefusalText}));
   expectedBlocksDelta = 1;
 }
 
-TEST_F(AllocRefusal, AfterwardsWritesItsDebugRecord) {
-  setLevels(kDebugLevel | kErrorLevel);
+TEST_F(AllocRefusal, AfterwardsIsTraced) {
+  const int64_t usable = usableOf(97);
   const int64_t blocks = allocatingOffHeapBlocks;
-  {
-    const RefuseAllocation refusal(1, RefuseAllocation::Way::kOverMaximumNow);
-    EXPECT_EQ(malloc_nb(env, 97, "Key Data"), nullptr);
-  }
-  EXPECT_EQ(jni.takePending(), (Thrown{kOutOfMemory, kRefusalText}));
-  ASSERT_EQ(jni.records().size(), 3U);
-  const std::string& text = jni.records()[1].text;
-  EXPECT_EQ(text.substr(0, text.find("AllocatedByte=")),
-            "JNI:malloc_nb:Allocation of new memory has exceeded the maximum Nimbra size. "
-            "Requested=97 ");
-  EXPECT_EQ(text.substr(text.find(" AllocatedBlocks=")),
-            " AllocatedBlocks=" + std::to_string(blocks + 1) + " type=Key Data");
-  EXPECT_EQ(jni.records()[2].line(), "error|OUT_OF_MEMORY_KTZAR7930");
+  setLevels(kErrorLevel);
+  const RefuseAfterwards refusal(jni);
+  EXPECT_EQ(malloc_nb(env, 97, "Key Data"), nullptr);
+  jni.clearPending();
+  EXPECT_THAT(jni.lines(),
+              ElementsAre("debug|JNI:malloc_nb:allocating size=97 currentAllocatedSize=1000 "
+                          "maxOffHeapSize=" +
+                              std::to_string(kAmpleMaximum),
+                          "debug|JNI:malloc_nb:Allocation of new memory has exceeded the maximum "
+                          "Nimbra size. Requested=97 AllocatedByte=" +
+                              std::to_string(kAmpleMaximum + usable) +
+                              " AllocatedBlocks=" + std::to_string(blocks + 1) + " type=Key Data",
+                          "error|OUT_OF_MEMORY_KTZAR7930"));
   expectedBlocksDelta = 1;
 }
 

@@ -186,7 +186,7 @@ TEST_F(Backtrace, HasALineForEachFrame) {
 
 TEST_F(Backtrace, IsCutAtAHundredFrames) {
   struct Deep {
-    static int dive(int depth, char*** lines) {
+    __attribute__((noinline)) static int dive(int depth, char*** lines) {
       volatile int below = depth == 0 ? get_backtrace(lines) : dive(depth - 1, lines);
       return below;
     }

@@ -388,11 +388,9 @@ TEST_F(TableCreation, SurvivesEachRefusedAllocation) {
   }
 }
 
-// A header of 18 records, which no size class fits: its block is larger than what was asked for, so
-// the check behind the allocation can find the maximum exceeded when the one before it did not.
 TEST_F(TableCreation, SurvivesAMaximumReachedMeanwhile) {
   {
-    const RefuseAllocation refusal(1, RefuseAllocation::Way::kOverMaximumNow, "MapHeader");
+    const RefuseAfterwards refusal(jni);
     EXPECT_EQ(newTable({1, 16, 1}), nullptr);
   }
   EXPECT_EQ(jni.takePending(), (Thrown{kOutOfMemory,

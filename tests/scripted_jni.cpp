@@ -144,7 +144,7 @@ void ScriptedJni::defineDefaults() {
              record.level = level;
              record.units = jni.charsOf(arguments[0].l);
              record.text.assign(record.units.begin(), record.units.end());
-             jni.records_.push_back(std::move(record));
+             jni.record(std::move(record));
              return nothing();
            });
   }
@@ -156,7 +156,7 @@ void ScriptedJni::defineDefaults() {
            record.key.assign(key.begin(), key.end());
            record.units = jni.charsOf(arguments[1].l);
            record.text.assign(record.units.begin(), record.units.end());
-           jni.records_.push_back(std::move(record));
+           jni.record(std::move(record));
            return nothing();
          });
   define(kLoggerClass, "getLogLevel", "()I", true, [](ScriptedJni& jni, jobject, const jvalue*) {
@@ -170,6 +170,14 @@ void ScriptedJni::defineDefaults() {
   onAllocateDirectFromPhantom([this](jlong address, jint length) {
     return newDirectBuffer(reinterpret_cast<void*>(address), length);
   });
+}
+
+void ScriptedJni::record(LogRecord record) {
+  records_.push_back(std::move(record));
+  if (onRecord_) {
+    const LogRecord seen = records_.back();  // the body may clear the records
+    onRecord_(seen);
+  }
 }
 
 // --- Objects ----------------------------------------------------------------------------

@@ -169,6 +169,9 @@ class ScriptedJni {
   // a Call slot count as one: "CallStaticVoidMethod" stands for ...MethodV and ...MethodA too.
   void failCall(const std::string& slot, int nth = 1, std::optional<Thrown> thrown = std::nullopt);
   void clearFailures();
+  // Called after each record, with the library in the middle of what it traces: a test can
+  // change the world between two steps of an operation.
+  void onRecord(std::function<void(const LogRecord&)> body) { onRecord_ = std::move(body); }
   // Whether element and critical accesses hand out copies (isCopy true) or the storage.
   void handOutCopies(bool copies) { copies_ = copies; }
 
@@ -224,6 +227,7 @@ class ScriptedJni {
   detail::ObjectPtr resolveArray(jobject reference, char elementType, const char* purpose);
   void throwObject(detail::ObjectPtr object) { pending_ = std::move(object); }
   void defineDefaults();
+  void record(LogRecord record);
 
   Environment environment_;
   std::thread::id thread_;
@@ -241,6 +245,7 @@ class ScriptedJni {
   std::map<const char*, std::unique_ptr<char[]>> utfChars_;
   std::vector<std::unique_ptr<std::uint8_t[]>> committed_;  // copies kept by mode JNI_COMMIT
   std::vector<LogRecord> records_;
+  std::function<void(const LogRecord&)> onRecord_;
   std::vector<std::string> calls_;
   std::vector<ReleaseCall> releases_;
 };

@@ -38,12 +38,7 @@ std::string printed(const void* address) {
 // --- Refused allocations ----------------------------------------------------------------
 
 RefuseAllocation::RefuseAllocation(int nth, Way way, const char* label)
-    : nth_(nth),
-      way_(way),
-      label_(label),
-      maximum_(maxOffHeapSize),
-      counting_(trackReqSize_Internal),
-      countedSize_(allocatingOffHeapSize) {
+    : nth_(nth), way_(way), label_(label), maximum_(maxOffHeapSize) {
   EXPECT_EQ(activeRefusal.exchange(this), nullptr) << "one guard at a time";
   faults::refuseAllocation = &RefuseAllocation::hook;
 }
@@ -51,39 +46,43 @@ RefuseAllocation::RefuseAllocation(int nth, Way way, const char* label)
 RefuseAllocation::~RefuseAllocation() {
   faults::refuseAllocation = nullptr;
   activeRefusal = nullptr;
-  restoreLimits();
-}
-
-void RefuseAllocation::restoreLimits() {
   maxOffHeapSize = maximum_;
-  if (way_ == Way::kOverMaximumNow) {
-    trackReqSize_Internal = counting_;
-    allocatingOffHeapSize = countedSize_;
-  }
 }
 
-bool RefuseAllocation::hook(uint64_t size, const char* label) {
+bool RefuseAllocation::hook(uint64_t /*size*/, const char* label) {
   RefuseAllocation& guard = *activeRefusal;
-  if (guard.fired_) guard.restoreLimits();
+  if (guard.fired_) maxOffHeapSize = guard.maximum_;
   const bool counts =
       guard.label_ == nullptr || (label != nullptr && std::strcmp(guard.label_, label) == 0);
   if (!counts || ++guard.seen_ != guard.nth_) return false;
   guard.fired_ = true;
-  switch (guard.way_) {
-    case Way::kNothingLeft:
-      return true;
-    case Way::kOverMaximum:
-      maxOffHeapSize = 0;
-      return false;
-    case Way::kOverMaximumNow:
-      // A size in use that the first check lets pass by one byte, and that the block's own
-      // bytes, counted before the second check, lift over the maximum.
-      trackReqSize_Internal = true;
-      allocatingOffHeapSize = kAmpleMaximum;
-      maxOffHeapSize = kAmpleMaximum + static_cast<int64_t>(size) + 1;
-      return false;
-  }
+  if (guard.way_ == Way::kNothingLeft) return true;
+  maxOffHeapSize = 0;
   return false;
+}
+
+RefuseAfterwards::RefuseAfterwards(ScriptedJni& jni, int nth, int64_t inUse)
+    : jni_(jni),
+      remaining_(nth),
+      debug_(logInfo.debug),
+      counting_(trackReqSize_Internal),
+      countedSize_(allocatingOffHeapSize) {
+  logInfo.debug = true;
+  trackReqSize_Internal = true;
+  allocatingOffHeapSize = 1'000;
+  jni_.onRecord([this, inUse](const LogRecord& record) {
+    if (!record.text.starts_with("JNI:malloc_nb:allocating size=")) return;
+    --remaining_;
+    if (remaining_ == 0) allocatingOffHeapSize = inUse;
+    if (remaining_ < 0) allocatingOffHeapSize = 1'000;
+  });
+}
+
+RefuseAfterwards::~RefuseAfterwards() {
+  jni_.onRecord(nullptr);
+  logInfo.debug = debug_;
+  trackReqSize_Internal = counting_;
+  allocatingOffHeapSize = countedSize_;
 }
 
 // --- Failing locks ----------------------------------------------------------------------

@@ -46,9 +46,8 @@ std::string printed(const void* address);
 class RefuseAllocation {
  public:
   enum class Way {
-    kNothingLeft,     // the allocator underneath answers null: no exception
-    kOverMaximum,     // the check before: IllegalStateException
-    kOverMaximumNow,  // the check after: OutOfMemoryError, and the block count stays raised
+    kNothingLeft,  // the allocator underneath answers null: no exception
+    kOverMaximum,  // the check before: IllegalStateException
   };
   explicit RefuseAllocation(int nth, Way way = Way::kNothingLeft, const char* label = nullptr);
   ~RefuseAllocation();
@@ -60,16 +59,35 @@ class RefuseAllocation {
 
  private:
   static bool hook(uint64_t size, const char* label);
-  void restoreLimits();
 
   const int nth_;
   const Way way_;
   const char* const label_;
   const int64_t maximum_;
-  const bool counting_;
-  const int64_t countedSize_;
   std::atomic<int> seen_{0};
   std::atomic<bool> fired_{false};
+};
+
+// Makes the nth allocation from now on pass the check before it and fail the one behind it
+// (OutOfMemoryError; its count stays raised), as if other threads had allocated meanwhile. Counts
+// bytes and turns the debug level on while it lives: the record between the two checks is where it
+// acts.
+class RefuseAfterwards {
+ public:
+  // `inUse`: the size that the second check finds, without the new block.
+  explicit RefuseAfterwards(ScriptedJni& jni, int nth = 1, int64_t inUse = kAmpleMaximum);
+  ~RefuseAfterwards();
+  RefuseAfterwards(const RefuseAfterwards&) = delete;
+  RefuseAfterwards& operator=(const RefuseAfterwards&) = delete;
+
+  bool fired() const { return remaining_ <= 0; }
+
+ private:
+  ScriptedJni& jni_;
+  int remaining_;
+  const bool debug_;
+  const bool counting_;
+  const int64_t countedSize_;
 };
 
 // Makes the nth operation of one kind on locks of one rank fail with `code`.
