@@ -432,7 +432,7 @@ public final class OffHeapMap implements AutoCloseable {
     }
 
     /** The high bits choose the partition, so that they say nothing about the low 32, which place the key inside it. */
-    private int partition(long hash) {
+    int partition(long hash) {
         return (int) (hash >>> partitionShift) & partitionMask;
     }
 
@@ -556,14 +556,18 @@ public final class OffHeapMap implements AutoCloseable {
          * @throws OffHeapMemoryException when the limits leave no room for it
          */
         public OffHeapMap build() {
-            Nimbra.get();
+            NimbraStats stats = Nimbra.get().stats();
             int id = MAPS_MADE.incrementAndGet();
             String mapName = name != null ? name : "map-" + id;
             LuOffHeapMapImpl natives = new LuOffHeapMapImpl();
             long[] handles = new long[partitions];
+            String what = "creating map \"" + mapName + "\" with " + partitions + " partitions";
+            // A table that is refused halfway keeps what it has got, so the room is looked for beforehand.
+            if (stats.bytesInUse() + bytesNeeded() >= stats.maximumBytes()) {
+                throw OffHeapMemoryException.refused(what, null);
+            }
             int made = 0;
             boolean complete = false;
-            String what = "creating map \"" + mapName + "\" with " + partitions + " partitions";
             try {
                 for (; made < partitions; made++) {
                     handles[made] = natives.allocateLuOffHeapMap(0, bucketSets, loadFactor, id, 0);
@@ -581,6 +585,13 @@ public final class OffHeapMap implements AutoCloseable {
                     release(natives, handles, made);
                 }
             }
+        }
+
+        /** At least the bytes that the empty map takes, with room for the pages of size classes not in use yet. */
+        long bytesNeeded() {
+            long header = (bucketSets + 2) * 64L;
+            long buckets = bucketSets * 16L;
+            return partitions * ((header + buckets) * 5 / 4 + 512) + (64 << 10);
         }
 
         static int defaultPartitions(int processors) {

@@ -11,6 +11,7 @@ import java.util.List;
 import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.CountDownLatch;
+import org.junit.jupiter.api.Tag;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.extension.ExtendWith;
 
@@ -94,6 +95,7 @@ class NimbraTest {
     }
 
     /** In a process of its own, since this one has been started. */
+    @Tag("child-jvm")
     @Test
     void beforeTheStartNothingWorksAndSaysWhy() throws Exception {
         ProcessBuilder child = new ProcessBuilder(

@@ -68,6 +68,25 @@ class OffHeapMapMemoryTest {
         });
     }
 
+    /** What a refused map would leave behind is avoided by asking for enough room before the first allocation. */
+    @Test
+    void roomAskedForCoversTheEmptyMap() {
+        int[][] shapes = {{1, 1}, {1, 65_536}, {4_096, 1}, {16, 16}, {256, 64}, {64, 1_000}};
+        for (int[] shape : shapes) {
+            OffHeapMap.Builder options =
+                    OffHeapMap.builder().partitions(shape[0]).bucketSets(shape[1]);
+            NimbraStats before = Nimbra.get().stats();
+            try (OffHeapMap map = options.build()) {
+                NimbraStats after = Nimbra.get().stats();
+                assertTrue(after.internalMetadataBytes() - before.internalMetadataBytes() <= options.bytesNeeded());
+                assertTrue(after.bytesInUse() - before.bytesInUse() <= options.bytesNeeded(), map.name());
+                assertEquals(0, map.size());
+            }
+            long tooLittle = Nimbra.get().stats().bytesInUse() + options.bytesNeeded();
+            TestRuntime.withMaximum(tooLittle, () -> assertThrows(OffHeapMemoryException.class, options::build));
+        }
+    }
+
     /** Fills the rest of the memory to the last value that fits, whichever of the two checks refuses the next. */
     @Test
     void fillingToTheMaximum() {

@@ -371,6 +371,20 @@ class OffHeapMapTest {
         assertEquals(256, OffHeapMap.Builder.defaultPartitions(Integer.MAX_VALUE));
     }
 
+    /** The native map sees the low 32 bits only: were a partition chosen by them, its keys would share buckets. */
+    @Test
+    void partitionsAreChosenByHighBitsAlone() {
+        try (OffHeapMap map = OffHeapMap.builder().partitions(16).build();
+                OffHeapMap single = OffHeapMap.builder().partitions(1).build()) {
+            for (long high = 0; high < 16; high++) {
+                for (long low : new long[] {0, 1, 0x55555555L, 0x80000000L, 0xffffffffL}) {
+                    assertEquals(high, map.partition(high << 60 | low));
+                    assertEquals(0, single.partition(high << 60 | low));
+                }
+            }
+        }
+    }
+
     @Test
     void mapsAreNamedByDefault() {
         try (OffHeapMap first = Nimbra.get().newMap();

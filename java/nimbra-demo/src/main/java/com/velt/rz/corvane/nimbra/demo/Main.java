@@ -1,5 +1,6 @@
 package com.velt.rz.corvane.nimbra.demo;
 
+import com.velt.rz.corvane.io.offheap.util.OffHeapLogger;
 import com.velt.rz.corvane.nimbra.Nimbra;
 import com.velt.rz.corvane.nimbra.OffHeapMap;
 import com.velt.rz.corvane.nimbra.OffHeapMemoryException;
@@ -84,6 +85,10 @@ public final class Main implements Callable<Integer> {
 
     @Override
     public Integer call() {
+        if (System.getProperty(OffHeapLogger.LEVEL_PROPERTY) == null) {
+            // Refusals are reported here, in a message of their own.
+            OffHeapLogger.setLogLevel(0);
+        }
         Nimbra nimbra;
         Source source;
         OffHeapMap.Builder options = OffHeapMap.builder().name("demo");
