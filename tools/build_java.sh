@@ -11,6 +11,7 @@ stamp=build/java.stamp
 inputs_changed() {
   [[ -f $stamp && ! build/libnimbra.so -nt $stamp ]] || return 0
   compgen -G 'java/nimbra/target/nimbra-*.jar' >/dev/null || return 0
+  [[ -f java/nimbra-demo/target/nimbra-demo.jar ]] || return 0
   [[ -n $(find java -name target -prune -o \
     \( -name pom.xml -o -path '*/src/*' \) -newer "$stamp" -print -quit) ]]
 }
