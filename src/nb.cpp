@@ -38,6 +38,8 @@ void setMaximum(int64_t maximum) {
 }
 
 bool cacheMapClass(JNIEnv* env, const char* function) {
+  // A logger that could not be loaded has left its exception: nothing can be looked up with it.
+  if (env->ExceptionCheck()) return false;
   const LocalRef<jclass> mapClass(env, env->FindClass(kMapClass));
   if (!mapClass) {
     NB_ERROR_GENERIC(env, kGenericErrorKey,

@@ -106,6 +106,8 @@ jmethodID getOffHeapLoggerMethodID(JNIEnv* env, jclass logger, const char* metho
   if (env->ExceptionCheck()) return nullptr;
   const jmethodID id = env->GetStaticMethodID(logger, method, signature);
   if (id != nullptr) return id;
+  // The failed lookup's own error would win over the text that says which record was lost.
+  if (env->ExceptionCheck()) env->ExceptionClear();
   char message[256];
   std::snprintf(message, sizeof message, "%s. Method signature=%s,%s",
                 "Failed to lookup trace method in the Nimbra library.", method, signature);
