@@ -1,8 +1,8 @@
 // Lifecycle: start-up, limits and levels, and the cache of the Java map class.
 //
 // State: the limits (owned by the allocator) and the map class with its methods (owned by the key
-// comparison), both filled here. Start-up runs once on one Java thread; the limits may change at any
-// time and racing readers accept either value.
+// comparison), both filled here. Start-up runs once on one Java thread; the limits may change at
+// any time and racing readers accept either value.
 #include "nb.h"
 
 #include <unistd.h>
@@ -42,8 +42,8 @@ bool cacheMapClass(JNIEnv* env, const char* function) {
   if (env->ExceptionCheck()) return false;
   const LocalRef<jclass> mapClass(env, env->FindClass(kMapClass));
   if (!mapClass) {
-    NB_ERROR_GENERIC(env, kGenericErrorKey,
-                     "The Nimbra library failed to find matching class: %s", kMapClass);
+    NB_ERROR_GENERIC(env, kGenericErrorKey, "The Nimbra library failed to find matching class: %s",
+                     kMapClass);
     return false;
   }
   luMapClassRef = static_cast<jclass>(env->NewGlobalRef(mapClass.get()));
@@ -83,11 +83,10 @@ jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_initializeOffHeap(
     JNIEnv* env, jobject self, jlong max, jlong trimThreshold, jlong mmapThreshold,
     jboolean isDiskOverflowEnabled) {
   getLogLevel(env);
-  NB_EVENT(env,
-           "offHeapMgr=%p max=%lld trimThreshold=%lld mmapThreshold=%lld isDiskOverflowEnabled=%d",
-           static_cast<void*>(self), static_cast<long long>(max),
-           static_cast<long long>(trimThreshold), static_cast<long long>(mmapThreshold),
-           isDiskOverflowEnabled);
+  NB_EVENT(
+      env, "offHeapMgr=%p max=%lld trimThreshold=%lld mmapThreshold=%lld isDiskOverflowEnabled=%d",
+      static_cast<void*>(self), static_cast<long long>(max), static_cast<long long>(trimThreshold),
+      static_cast<long long>(mmapThreshold), isDiskOverflowEnabled);
   NB_DEBUG_AS(env, "Java_initializeOffHeap", "Allocation Sizes for Offheap Structs:");
   offheap_sizes(env);
   luoffheap_map_sizes(env);
@@ -113,8 +112,7 @@ jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_finalizeOffHeap(JNIE
   return JNI_TRUE;
 }
 
-jstring Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getLibraryVersion(JNIEnv* env,
-                                                                             jobject) {
+jstring Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getLibraryVersion(JNIEnv* env, jobject) {
   return env->NewStringUTF(kBuildString);
 }
 

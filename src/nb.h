@@ -1,8 +1,8 @@
 // Pinned records, buffer headers and the library's lifecycle.
 //
 // A pin is one holder's claim on a record; whoever drops the last one frees it. Reason codes say
-// which holder acts: they reach traces and pin tracking and never change what happens. Counts change
-// only by compare-and-swap, so no function here takes a lock.
+// which holder acts: they reach traces and pin tracking and never change what happens. Counts
+// change only by compare-and-swap, so no function here takes a lock.
 #pragma once
 
 #include <jni.h>
@@ -21,8 +21,9 @@ static_assert(sizeof(Pinnable) == 8);
 //   0        8           16                 17 .. 23   24
 //   | pins   | dataSize  | deserializedType | reserved | data, dataSize bytes ...
 //
-// Java sees the data area only: a direct ByteBuffer's address is the address of the data, and native
-// code steps back kBufferDataOffset bytes to the header. The reserved bytes are never written.
+// Java sees the data area only: a direct ByteBuffer's address is the address of the data, and
+// native code steps back kBufferDataOffset bytes to the header. The reserved bytes are never
+// written.
 struct ByteBufferHeader : Pinnable {
   uint64_t dataSize;         // bytes, as requested
   uint8_t deserializedType;  // DESERIALIZED_TYPE_*; Java may change it at any time
@@ -42,8 +43,7 @@ inline const uint8_t* bufferData(const ByteBufferHeader* header) {
 // The header in front of a data address, as Java's direct buffers show it. Does not test for null:
 // null steps back to a small negative address, as the contract has it.
 inline ByteBufferHeader* headerOfData(void* data) {
-  return reinterpret_cast<ByteBufferHeader*>(reinterpret_cast<uintptr_t>(data) -
-                                             kBufferDataOffset);
+  return reinterpret_cast<ByteBufferHeader*>(reinterpret_cast<uintptr_t>(data) - kBufferDataOffset);
 }
 // The header behind a direct ByteBuffer.
 ByteBufferHeader* headerOfBuffer(JNIEnv* env, jobject buffer);
@@ -147,8 +147,8 @@ ByteBufferHeader* allocateByteBufferData(JNIEnv* env, uint64_t dataSize, const c
 void freeByteBufferData(JNIEnv* env, ByteBufferHeader* header);
 // Usable bytes of the buffer's block, header included.
 uint64_t sizeofByteBufferHeader(const ByteBufferHeader* header);
-// A direct ByteBuffer over the data area with `size` as capacity (a local reference), or null. Takes
-// no pin.
+// A direct ByteBuffer over the data area with `size` as capacity (a local reference), or null.
+// Takes no pin.
 jobject newByteBuffer(JNIEnv* env, ByteBufferHeader* header, int32_t size);
 
 // The build string that Java reads.

@@ -28,9 +28,9 @@ extern Relaxed<bool> trackReqSize_Internal;
 extern Relaxed<uint64_t> jemallocPageSize;   // 0 until first asked for
 extern Relaxed<uint64_t> jemallocChunkSize;  // 0 until first asked for
 
-// A block of `size` bytes, or null. A non-zero `unchecked` skips every size check. `type` names what
-// is allocated, for traces; it may be null. Refused by the limits: an exception is pending. Refused
-// by the allocator underneath: none is.
+// A block of `size` bytes, or null. A non-zero `unchecked` skips every size check. `type` names
+// what is allocated, for traces; it may be null. Refused by the limits: an exception is pending.
+// Refused by the allocator underneath: none is.
 void* malloc_nb(JNIEnv* env, uint64_t size, uint8_t unchecked, const char* type);
 void* malloc_nb(JNIEnv* env, uint64_t size, const char* type);
 // Returns a block. `size` is the caller's idea of it, for traces only.

@@ -2,13 +2,13 @@
 //
 // jemalloc is linked statically with a private namespace, so the JVM's own malloc is never touched.
 // State: the pointers behind sizeInUse, fetched once.
-#include "nb_alloc_backend.h"
-
 #include <jemalloc/jemalloc.h>
 
 #include <cstdio>
 #include <cstring>
 #include <vector>
+
+#include "nb_alloc_backend.h"
 
 // Read by jemalloc when it starts. Few arenas keep the sum in sizeInUse short; no extra arena for
 // oversized blocks, which would stand outside it; address space once mapped stays mapped, so that a
@@ -26,9 +26,9 @@ bool readControl(const char* key, T* value) {
   return jemallctl(key, value, &size, nullptr, 0) == 0;
 }
 
-// jemalloc before 5 publishes one figure under "stats.cactive". Later ones have it no more: there it
-// is the sum of the arenas' active-page counters times the page size, which equals "stats.active"
-// without the lock and the cost of an epoch refresh.
+// jemalloc before 5 publishes one figure under "stats.cactive". Later ones have it no more: there
+// it is the sum of the arenas' active-page counters times the page size, which equals
+// "stats.active" without the lock and the cost of an epoch refresh.
 struct ActiveBytes {
   const size_t* total = nullptr;
   std::vector<const size_t*> arenaPages;

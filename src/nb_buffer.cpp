@@ -43,16 +43,15 @@ void freeByteBufferData(JNIEnv* env, ByteBufferHeader* header) {
 
 jobject newByteBuffer(JNIEnv* env, ByteBufferHeader* header, int32_t size) {
   void* data = bufferData(header);
-  NB_DEBUG(env, "requesting new Java_DBB, backingOffheapBB=%p size=%d",
-           static_cast<void*>(header), size);
+  NB_DEBUG(env, "requesting new Java_DBB, backingOffheapBB=%p size=%d", static_cast<void*>(header),
+           size);
   const jobject buffer = env->NewDirectByteBuffer(data, size);
   if (buffer == nullptr) {
     NB_DEBUG(env, "ByteBuffer generation was failed. p=%p, size=%d, data=%p",
              static_cast<void*>(header), size, data);
     return nullptr;
   }
-  NB_DEBUG(env,
-           "successfully generated JavaDBB=%p refType=%d backingOffheapBB=%p size=%d data=%p",
+  NB_DEBUG(env, "successfully generated JavaDBB=%p refType=%d backingOffheapBB=%p size=%d data=%p",
            static_cast<void*>(buffer), static_cast<int>(env->GetObjectRefType(buffer)),
            static_cast<void*>(header), size, data);
   return buffer;

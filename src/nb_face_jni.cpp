@@ -1,8 +1,8 @@
 // The map face's own natives: one crossing an operation, on the same internal operations.
 //
-// Keys and values are opaque bytes. A value is copied, or its buffer pinned, while the bucket set is
-// held, so no reader meets a buffer that an update has freed. The face keeps handles valid: a map is
-// deleted only after the last call has left it.
+// Keys and values are opaque bytes. A value is copied, or its buffer pinned, while the bucket set
+// is held, so no reader meets a buffer that an update has freed. The face keeps handles valid: a
+// map is deleted only after the last call has left it.
 #include <cstdint>
 
 #include "com_velt_rz_corvane_nimbra_MapNatives.h"
@@ -13,7 +13,7 @@ using namespace nimbra;
 
 namespace {
 
-constexpr uint16_t kOwner = 0;        // the face writes all its revisions under one owner
+constexpr uint16_t kOwner = 0;         // the face writes all its revisions under one owner
 constexpr jsize kStackKeyBytes = 512;  // longer keys are compared in place, in the Java array
 constexpr jsize kScanWords = 5;        // longs that the walk writes for one entry
 constexpr jint kFailed = -1;
@@ -143,8 +143,7 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_put(JNIEnv* env, jclass, jlong h
 
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_putIfAbsent(JNIEnv* env, jclass, jlong handle,
                                                             jbyteArray keyArray, jint hash,
-                                                            jbyteArray valueArray,
-                                                            jlong revision) {
+                                                            jbyteArray valueArray, jlong revision) {
   auto* map = fromHandle<LuOffHeapMap>(handle);
   const SearchKey key(env, keyArray, hash);
   BucketSet* set = key.setIn(map);
@@ -276,11 +275,10 @@ void writeChain(JNIEnv* env, const LuOffHeapValue* value, jlongArray out, jsize 
   for (; value != nullptr; value = value->hashNext, index++) {
     pin(env, value->key, JNI_GET_PIN);
     pin(env, value->value, JNI_GET_PIN);
-    const jlong words[kScanWords] = {toHandle(bufferData(value->key)),
-                                     static_cast<jlong>(value->key->dataSize),
-                                     toHandle(bufferData(value->value)),
-                                     static_cast<jlong>(value->value->dataSize),
-                                     value->revisionNumber};
+    const jlong words[kScanWords] = {
+        toHandle(bufferData(value->key)), static_cast<jlong>(value->key->dataSize),
+        toHandle(bufferData(value->value)), static_cast<jlong>(value->value->dataSize),
+        value->revisionNumber};
     env->SetLongArrayRegion(out, index * kScanWords, kScanWords, words);
   }
 }

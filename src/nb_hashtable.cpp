@@ -133,8 +133,8 @@ Pinnable* getFirstEntryByHashCode(MapHeader* header, uint32_t hash, BucketSet** 
 int lockBucketSet(BucketSet* set) { return mutexLock(&set->mutex, LockRank::bucketSet); }
 int unlockBucketSet(BucketSet* set) { return mutexUnlock(&set->mutex, LockRank::bucketSet); }
 
-MapHeader* initializeMap(JNIEnv* env, uint32_t initCapacity, uint32_t concurrency,
-                         float loadFactor, bool /*flag*/, int32_t map_id, int32_t map_set_id,
+MapHeader* initializeMap(JNIEnv* env, uint32_t initCapacity, uint32_t concurrency, float loadFactor,
+                         bool /*flag*/, int32_t map_id, int32_t map_set_id,
                          GetNextFn getNextCallback, GetBufferFn getKeyCallback,
                          GetBufferFn getValueCallback, GetHashFn getHashCallback,
                          UnpinEntryFn unpinEntryCallback, SetNextFn setNextCallback,
@@ -267,8 +267,7 @@ uint32_t unpinEntry(JNIEnv* env, Pinnable* entry, uint32_t reason) {
     NB_DEBUG(env, "unpin MapEntry valueBB=%p", static_cast<void*>(record->value));
     // A count of zero means that the value was freed; the text says otherwise, and is kept.
     if (unpinToFree(env, record->value, MAPENTRY_VALUE_PIN) == 0) {
-      NB_INFO(env,
-              "Freed a MapEntry's value BB, but not sure if we freed all constituent parts.");
+      NB_INFO(env, "Freed a MapEntry's value BB, but not sure if we freed all constituent parts.");
     }
     freeDefaultEntry(env, record);
   }

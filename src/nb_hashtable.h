@@ -73,8 +73,8 @@ jobject allocateDirectFromPhantom(JNIEnv* env, jobject map, void* address, uint6
 
 // ---- Records -------------------------------------------------------------------------------
 
-// A bucket is the head of a singly linked chain; null when empty. An entry is any record that begins
-// with Pinnable and that the header's callbacks understand.
+// A bucket is the head of a singly linked chain; null when empty. An entry is any record that
+// begins with Pinnable and that the header's callbacks understand.
 using Bucket = Pinnable*;
 
 using GetNextFn = Pinnable* (*)(JNIEnv*, Pinnable* entry);
@@ -141,12 +141,11 @@ inline constexpr uint32_t MAX_BUCKET_SIZE = 0x80000000U;
 
 // A table, or null. Null callbacks 1 to 8 take the defaults below; the last three are required. The
 // flag is accepted and ignored.
-MapHeader* initializeMap(JNIEnv* env, uint32_t initCapacity, uint32_t concurrency,
-                         float loadFactor, bool flag, int32_t map_id, int32_t map_set_id,
-                         GetNextFn getNext, GetBufferFn getKey, GetBufferFn getValue,
-                         GetHashFn getHash, UnpinEntryFn unpinEntry, SetNextFn setNext,
-                         SizeofEntryFn sizeofEntry, SetValueFn setValue,
-                         DeserializeFn deserialize, CompareFn compare,
+MapHeader* initializeMap(JNIEnv* env, uint32_t initCapacity, uint32_t concurrency, float loadFactor,
+                         bool flag, int32_t map_id, int32_t map_set_id, GetNextFn getNext,
+                         GetBufferFn getKey, GetBufferFn getValue, GetHashFn getHash,
+                         UnpinEntryFn unpinEntry, SetNextFn setNext, SizeofEntryFn sizeofEntry,
+                         SetValueFn setValue, DeserializeFn deserialize, CompareFn compare,
                          AllocatePhantomFn allocateDirectFromPhantom);
 
 MapHeader* allocateMapHeader(JNIEnv* env, int32_t count, int32_t numBucketSets);
@@ -163,8 +162,7 @@ uint64_t sizeofMapHeader(const MapHeader* header, int32_t count, int32_t numBuck
 uint64_t sizeofBuckets(const Bucket* buckets, int32_t count);
 // For a null entry, the size of the first entry ever measured (0 before).
 uint64_t sizeofDefaultEntry(JNIEnv* env, Pinnable* entry);
-uint64_t entrySize(const ByteBufferHeader* key, DefaultEntry* entry,
-                   const ByteBufferHeader* value);
+uint64_t entrySize(const ByteBufferHeader* key, DefaultEntry* entry, const ByteBufferHeader* value);
 
 // Default callbacks.
 Pinnable* getNext(JNIEnv* env, Pinnable* entry);
@@ -202,8 +200,8 @@ Pinnable* search_deserializer(JNIEnv* env, jobject map, MapHeader* header, jobje
 Pinnable* getMapEntry_bucketPointers(JNIEnv* env, jobject map, MapHeader* header, const void* key,
                                      uint8_t format, ByteBufferHeader* keyBuffer, int32_t hash,
                                      BucketSet** set, Bucket** bucket);
-Pinnable* _getMapEntry(JNIEnv* env, jobject map, MapHeader* header, const void* key,
-                       uint8_t format, ByteBufferHeader* keyBuffer, int32_t hash);
+Pinnable* _getMapEntry(JNIEnv* env, jobject map, MapHeader* header, const void* key, uint8_t format,
+                       ByteBufferHeader* keyBuffer, int32_t hash);
 // The entry, pinned with `reason` for the caller, or null. `lock`: takes and releases the set.
 Pinnable* hashtable_getAndPin(JNIEnv* env, jobject map, MapHeader* header, const void* key,
                               uint8_t format, Pinnable* searchEntry, bool lock, uint32_t reason);
@@ -224,8 +222,8 @@ Pinnable* hashtable_update(JNIEnv* env, jobject map, MapHeader* header, Pinnable
 // The table's entry, pinned JNI_UPDATED_PIN, or null. With `previous` the old value's pin passes to
 // the caller.
 Pinnable* hashtable_updateAndPin(JNIEnv* env, jobject map, MapHeader* header, const void* key,
-                                 uint8_t format, Pinnable* updateEntry,
-                                 ByteBufferHeader** previous, bool lock);
+                                 uint8_t format, Pinnable* updateEntry, ByteBufferHeader** previous,
+                                 bool lock);
 // The unlinked entry, pinned JNI_REMOVED_PIN, or null.
 Pinnable* hashtable_removeAndPin(JNIEnv* env, jobject map, MapHeader* header, const void* key,
                                  uint8_t format, Pinnable* searchEntry, bool lock);

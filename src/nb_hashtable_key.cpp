@@ -1,7 +1,7 @@
 // Key comparison, key hashes, and the calls into Java for keys that only Java can compare.
 //
-// State: the cached Java class and methods, filled at start-up. No locks of its own: comparisons run
-// with the bucket set's mutex held, including the calls into Java.
+// State: the cached Java class and methods, filled at start-up. No locks of its own: comparisons
+// run with the bucket set's mutex held, including the calls into Java.
 #include <cmath>
 #include <cstring>
 
@@ -66,8 +66,7 @@ int32_t keycmp(JNIEnv* env, jstring search, const ByteBufferHeader* stored) {
            static_cast<int>(stored->dataSize));
   if (stored->dataSize != 2 * units) return sizeDifference(env, stored->dataSize, 2 * units);
   if (stored->deserializedType != DESERIALIZED_TYPE_JSTRING) {
-    NB_DEBUG(env, "key %p is not of type jstring so not equal",
-             static_cast<const void*>(stored));
+    NB_DEBUG(env, "key %p is not of type jstring so not equal", static_cast<const void*>(stored));
     return 1;
   }
   const jchar* characters = env->GetStringCritical(search, nullptr);

@@ -105,8 +105,7 @@ Pinnable* search_deserializer(JNIEnv* env, jobject map, MapHeader* header, jobje
            static_cast<void*>(searchKey), static_cast<int>(hash));
   Pinnable* entry = getFirstEntryByHashCode(header, hash, set, bucket);
   if (entry == nullptr) {
-    NB_DEBUG(env,
-             "hashed to an empty bucket. map=%p, key=%p, hashCode=%d, bucketSet=%p, bucket=%p",
+    NB_DEBUG(env, "hashed to an empty bucket. map=%p, key=%p, hashCode=%d, bucketSet=%p, bucket=%p",
              static_cast<void*>(header), static_cast<void*>(searchKey), static_cast<int>(hash),
              static_cast<void*>(*set), static_cast<void*>(*bucket));
     return nullptr;
@@ -120,7 +119,8 @@ Pinnable* search_deserializer(JNIEnv* env, jobject map, MapHeader* header, jobje
   }
   for (; entry != nullptr; entry = header->getNext(env, entry)) {
     const uint32_t entryHash = header->getHash(env, entry);
-    NB_DEBUG(env, "compare key to bucket entry. map=%p, key=%p, hashCode=%d, tgtEntry=%p, "
+    NB_DEBUG(env,
+             "compare key to bucket entry. map=%p, key=%p, hashCode=%d, tgtEntry=%p, "
              "tgtHashCode=%d",
              static_cast<void*>(header), static_cast<void*>(searchKey), static_cast<int>(hash),
              static_cast<void*>(entry), static_cast<int>(entryHash));
@@ -159,8 +159,8 @@ Pinnable* getMapEntry_bucketPointers(JNIEnv* env, jobject map, MapHeader* header
     }
     return search_memcmp(env, header, key, format, hashCode, set, bucket);
   }
-  if (keyBuffer->deserializedType == DESERIALIZED_TYPE_OTHER && key != nullptr &&
-      map != nullptr && format == OBJECT_TYPE_JBYTE_BUFFER) {
+  if (keyBuffer->deserializedType == DESERIALIZED_TYPE_OTHER && key != nullptr && map != nullptr &&
+      format == OBJECT_TYPE_JBYTE_BUFFER) {
     return search_deserializer(env, map, header, valueAt<jobject>(key), keyBuffer, hashCode, set,
                                bucket);
   }
@@ -170,8 +170,8 @@ Pinnable* getMapEntry_bucketPointers(JNIEnv* env, jobject map, MapHeader* header
   return search_memcmp(env, header, keyBuffer, OBJECT_TYPE_VALUEHEADER, hashCode, set, bucket);
 }
 
-Pinnable* _getMapEntry(JNIEnv* env, jobject map, MapHeader* header, const void* key,
-                       uint8_t format, ByteBufferHeader* keyBuffer, int32_t hash) {
+Pinnable* _getMapEntry(JNIEnv* env, jobject map, MapHeader* header, const void* key, uint8_t format,
+                       ByteBufferHeader* keyBuffer, int32_t hash) {
   BucketSet* set = nullptr;
   Bucket* bucket = nullptr;
   return getMapEntry_bucketPointers(env, map, header, key, format, keyBuffer, hash, &set, &bucket);
@@ -187,7 +187,8 @@ Pinnable* hashtable_getAndPin(JNIEnv* env, jobject map, MapHeader* header, const
   }
   const uint32_t hash = header->getHash(env, searchEntry);
   ByteBufferHeader* keyBuffer = header->getKey(env, searchEntry);
-  NB_DEBUG(env, "start search. map=%p, vpKey=%p, keyObjFormat=%d, searchEntry=%p "
+  NB_DEBUG(env,
+           "start search. map=%p, vpKey=%p, keyObjFormat=%d, searchEntry=%p "
            "searchEntry->key=%p hashCode=%d",
            static_cast<void*>(header), key, format, static_cast<void*>(searchEntry),
            static_cast<void*>(keyBuffer), static_cast<int>(hash));
@@ -205,8 +206,8 @@ Pinnable* hashtable_getAndPin(JNIEnv* env, jobject map, MapHeader* header, const
       return nullptr;
     }
   }
-  Pinnable* entry = _getMapEntry(env, map, header, key, format, keyBuffer,
-                                 static_cast<int32_t>(hash));
+  Pinnable* entry =
+      _getMapEntry(env, map, header, key, format, keyBuffer, static_cast<int32_t>(hash));
   if (entry != nullptr) {
     pin(env, entry, reason);
     NB_DEBUG(env, "hit. map=%p key=%p hashCode=%d entry=%p entry->value=%p entry->key=%p",
@@ -224,8 +225,7 @@ Pinnable* hashtable_getAndPin(JNIEnv* env, jobject map, MapHeader* header, const
 int32_t hashtable_containsKey(JNIEnv* env, jobject map, MapHeader* header, const void* key,
                               uint8_t format, Pinnable* searchEntry) {
   constexpr uint32_t kReason = JAVA_GET_PIN | JNI_CONVERT_FROM_JAVA_PIN;
-  Pinnable* entry =
-      hashtable_getAndPin(env, map, header, key, format, searchEntry, true, kReason);
+  Pinnable* entry = hashtable_getAndPin(env, map, header, key, format, searchEntry, true, kReason);
   if (entry == nullptr) return 0;
   header->unpinEntry(env, entry, kReason);
   return 1;

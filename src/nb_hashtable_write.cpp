@@ -84,8 +84,7 @@ Duplicate findDuplicate(JNIEnv* env, jobject map, MapHeader* header, const void*
       } else {
         BucketSet* set = nullptr;
         Bucket* bucket = nullptr;
-        found = search_memcmp(env, header, keyBuffer, OBJECT_TYPE_VALUEHEADER, hash, &set,
-                              &bucket);
+        found = search_memcmp(env, header, keyBuffer, OBJECT_TYPE_VALUEHEADER, hash, &set, &bucket);
       }
       break;
     default:
@@ -204,8 +203,8 @@ Pinnable* hashtable_update(JNIEnv* env, jobject /*map*/, MapHeader* header, Pinn
 }
 
 Pinnable* hashtable_updateAndPin(JNIEnv* env, jobject map, MapHeader* header, const void* key,
-                                 uint8_t format, Pinnable* updateEntry,
-                                 ByteBufferHeader** previous, bool lock) {
+                                 uint8_t format, Pinnable* updateEntry, ByteBufferHeader** previous,
+                                 bool lock) {
   BucketSet* set = getBucketSet(header, header->getHash(env, updateEntry));
   if (lock && !lockForUpdate(env, set, __func__)) return nullptr;
   NB_REQUIRES_HELD(&set->mutex);
@@ -271,8 +270,7 @@ Pinnable* hashtable_removeAndPin(JNIEnv* env, jobject map, MapHeader* header, co
   return found;
 }
 
-void rehashMapEntriesIfNecessary(JNIEnv* env, MapHeader* header, BucketSet* set,
-                                 int32_t /*hash*/) {
+void rehashMapEntriesIfNecessary(JNIEnv* env, MapHeader* header, BucketSet* set, int32_t /*hash*/) {
   NB_REQUIRES_HELD(&set->mutex);
   if (set->size < set->threshold) return;
   NB_DEBUG(env, "start rehash. bucketSet=%p, threshold=%d", static_cast<void*>(set),

@@ -1,8 +1,8 @@
 // OffHeapManager's natives over the allocator and the buffers.
 //
 // Buffers arrive as direct ByteBuffers; the header stands in front of their data. Reasons from Java
-// gain the Java bit before they reach a pin. No locks; the array copies run in critical sections and
-// call nothing in between.
+// gain the Java bit before they reach a pin. No locks; the array copies run in critical sections
+// and call nothing in between.
 #include "nb_jni.h"
 
 #include <cstring>
@@ -70,8 +70,7 @@ void Java_com_velt_rz_corvane_io_offheap_OffHeapManager_setInternalTracking(JNIE
   trackReqSize_Internal = on != JNI_FALSE;
 }
 
-jstring Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getJemallocStats(JNIEnv* env,
-                                                                            jobject) {
+jstring Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getJemallocStats(JNIEnv* env, jobject) {
   return jemallocStatistics(env);
 }
 
@@ -127,8 +126,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_pin_1native(JNIEnv* env
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_unpin_1native(JNIEnv* env, jobject,
-                                                                       jlong address,
-                                                                       jint reason) {
+                                                                       jlong address, jint reason) {
   return unpinToFree(env, fromHandle<ByteBufferHeader>(address), javaReason(reason));
 }
 
@@ -215,8 +213,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getReferenceCountImpl__
   return lockRead(&fromHandle<Pinnable>(address)->pins);
 }
 
-jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getOffHeapAddressImpl(JNIEnv* env,
-                                                                               jobject,
+jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getOffHeapAddressImpl(JNIEnv* env, jobject,
                                                                                jobject buffer) {
   void* data = env->GetDirectBufferAddress(buffer);
   NB_DEBUG_AS(env, "getOffHeapAddressImpl", "hex representation=%p bbh=%p", data,

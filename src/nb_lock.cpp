@@ -26,8 +26,8 @@ thread_local std::vector<Held> heldLocks;
 
 void abortOnViolation(const LockViolation& violation) {
   std::fprintf(stderr, "lock order: taking rank %d (%p) while holding rank %d (%p)\n",
-               static_cast<int>(violation.taking), violation.lock,
-               static_cast<int>(violation.held), violation.heldLock);
+               static_cast<int>(violation.taking), violation.lock, static_cast<int>(violation.held),
+               violation.heldLock);
   std::abort();
 }
 
@@ -38,8 +38,7 @@ int injected(LockRank rank, const void* lock, LockOp op) {
 void checkOrder(LockRank rank, const void* lock, Nesting nesting) {
   for (const Held& held : heldLocks) {
     if (held.lock == lock) return;  // relocking is the mutex's own business
-    const bool allowed =
-        held.rank < rank || (held.rank == rank && nesting == Nesting::ascending);
+    const bool allowed = held.rank < rank || (held.rank == rank && nesting == Nesting::ascending);
     if (!allowed) {
       lockViolationHandler({rank, lock, held.rank, held.lock});
       return;

@@ -97,8 +97,7 @@ void initialize_trace(JNIEnv* env) {
       return;
     }
   }
-  throw_exception(env, "initialize_trace",
-                  "Failed to initialize tracing in the Nimbra library.");
+  throw_exception(env, "initialize_trace", "Failed to initialize tracing in the Nimbra library.");
 }
 
 jmethodID getOffHeapLoggerMethodID(JNIEnv* env, jclass logger, const char* method,
@@ -155,13 +154,13 @@ void callTraceMethod(JNIEnv* env, const char* method, const char* function, cons
 
 // Each level function: the gate, then the common back end. `prefix` is null where the level ignores
 // the function name.
-#define NB_SEND(gate, method, prefix)                          \
-  do {                                                         \
-    if (!(gate)) return;                                       \
-    va_list arguments;                                         \
-    va_start(arguments, format);                               \
-    callTraceMethod(env, method, prefix, format, arguments);   \
-    va_end(arguments);                                         \
+#define NB_SEND(gate, method, prefix)                        \
+  do {                                                       \
+    if (!(gate)) return;                                     \
+    va_list arguments;                                       \
+    va_start(arguments, format);                             \
+    callTraceMethod(env, method, prefix, format, arguments); \
+    va_end(arguments);                                       \
   } while (0)
 
 void audit(JNIEnv* env, const char* function, const char* format, ...) {
@@ -224,7 +223,8 @@ void throw_exception(JNIEnv* env, const char* function, const char* message,
   if (logInfo.event) {
     char** lines = nullptr;
     const int count = get_backtrace(&lines);
-    for (int i = 0; i < count; i++) info(env, "NB Exception", "%s: %s", "throw_exception", lines[i]);
+    for (int i = 0; i < count; i++)
+      info(env, "NB Exception", "%s: %s", "throw_exception", lines[i]);
     if (count == 0) info(env, "NB Exception", "Unable to get native backtrace.");
     std::free(lines);
   }

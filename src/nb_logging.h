@@ -81,8 +81,7 @@ void errorGeneric(JNIEnv* env, const char* key, const char* format, ...) NB_PRIN
 
 // Raises `className` (path form) with "[function] message", cut at 255 bytes. An exception that is
 // already pending wins. A null message raises without a text; a null env prints the text.
-void throw_exception(JNIEnv* env, const char* function, const char* message,
-                     const char* className);
+void throw_exception(JNIEnv* env, const char* function, const char* message, const char* className);
 // The same with java/lang/IllegalStateException.
 void throw_exception(JNIEnv* env, const char* function, const char* message);
 // "message: system text (code)" as IllegalStateException.
@@ -104,9 +103,9 @@ void print_backtrace(JNIEnv* env);
 
 // One line a trace. The flag is tested first; __func__ is the record's function name. The _AS forms
 // name another function, where Java expects a text that differs from ours.
-#define NB_TRACE_AS(flag, level, env, function, ...)                                      \
-  do {                                                                                    \
-    if (::nimbra::logInfo.flag) ::nimbra::level(env, function, __VA_ARGS__);              \
+#define NB_TRACE_AS(flag, level, env, function, ...)                         \
+  do {                                                                       \
+    if (::nimbra::logInfo.flag) ::nimbra::level(env, function, __VA_ARGS__); \
   } while (0)
 #define NB_DEBUG_AS(env, function, ...) NB_TRACE_AS(debug, debug, env, function, __VA_ARGS__)
 #define NB_EVENT_AS(env, function, ...) NB_TRACE_AS(event, event, env, function, __VA_ARGS__)
@@ -118,5 +117,4 @@ void print_backtrace(JNIEnv* env);
 #define NB_EXIT(env, ...) NB_EXIT_AS(env, __func__, __VA_ARGS__)
 #define NB_INFO(env, ...) NB_TRACE_AS(info, info, env, __func__, __VA_ARGS__)
 #define NB_WARNING(env, ...) NB_TRACE_AS(warning, warning, env, __func__, __VA_ARGS__)
-#define NB_ERROR_GENERIC(env, key, ...) \
-  NB_TRACE_AS(error, errorGeneric, env, key, __VA_ARGS__)
+#define NB_ERROR_GENERIC(env, key, ...) NB_TRACE_AS(error, errorGeneric, env, key, __VA_ARGS__)

@@ -45,8 +45,8 @@ static_assert(sizeof(LuOffHeapEvictionData) == 56);
 //   72            80         84              86      88
 //   | valueLength | hashCode | revisionOwner | flags | (overflow node, 144 bytes) |
 struct LuOffHeapValue : LuQueueEntry {
-  ByteBufferHeader* key;    // one LUOFFHEAPMAPVALUE_KEY_PIN; may be null; immutable
-  ByteBufferHeader* value;  // one pin; changes under the bucket set and the entry's queue
+  ByteBufferHeader* key;     // one LUOFFHEAPMAPVALUE_KEY_PIN; may be null; immutable
+  ByteBufferHeader* value;   // one pin; changes under the bucket set and the entry's queue
   LuOffHeapValue* hashNext;  // chain link, guarded by the bucket set
   int64_t revisionNumber;    // guarded by the queue
   LuOffHeapEvictionData* evictionData;     // one LUOFFHEAPMAPVALUE_EVICTION_PIN; null when none
@@ -126,8 +126,8 @@ Pinnable* setValue_LuValue(JNIEnv* env, Pinnable* entry, ByteBufferHeader* value
 uint32_t getHash_LuValue(JNIEnv* env, Pinnable* entry);
 // Bytes accounted for the entry; the value counts while it is on disk, too.
 uint64_t getSize_LuValue(JNIEnv* env, Pinnable* entry);
-// Drops one pin; the last one releases key, eviction records and value and frees the record. Returns
-// the pins left.
+// Drops one pin; the last one releases key, eviction records and value and frees the record.
+// Returns the pins left.
 uint32_t unpinLuOffHeapMapValue(JNIEnv* env, Pinnable* entry, uint32_t reason);
 
 // Usable bytes of record, key buffer and value buffer in memory; 0 for null.

@@ -137,8 +137,9 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_size(JNIEnv* env
   return hashtable_size(env, fromHandle<LuOffHeapMap>(handle)->map);
 }
 
-jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getCurrentBytesUsed(
-    JNIEnv* env, jobject, jlong handle) {
+jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getCurrentBytesUsed(JNIEnv* env,
+                                                                                    jobject,
+                                                                                    jlong handle) {
   return hashtable_bytesUsed(env, fromHandle<LuOffHeapMap>(handle)->map);
 }
 
@@ -157,8 +158,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
   ByteBufferHeader* keyHeader = headerOfBuffer(env, key);
   return toHandle(insertAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key,
                                OBJECT_TYPE_JBYTE_BUFFER, keyHeader, hashFn(keyHeader), false,
-                               headerOfBuffer(env, value), ownerOf(revisionOwner),
-                               revisionNumber));
+                               headerOfBuffer(env, value), ownerOf(revisionOwner), revisionNumber));
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithHashCode(
@@ -166,8 +166,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
     jshort revisionOwner, jlong revisionNumber) {
   return toHandle(insertAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key,
                                OBJECT_TYPE_JBYTE_BUFFER, headerOfBuffer(env, key), hashCode, true,
-                               headerOfBuffer(env, value), ownerOf(revisionOwner),
-                               revisionNumber));
+                               headerOfBuffer(env, value), ownerOf(revisionOwner), revisionNumber));
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithHashCodeAndBA(
@@ -213,8 +212,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
   ByteBufferHeader* keyHeader = headerOfBuffer(env, key);
   return toHandle(updateAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key,
                                OBJECT_TYPE_JBYTE_BUFFER, keyHeader, hashFn(keyHeader), false,
-                               headerOfBuffer(env, value), ownerOf(revisionOwner),
-                               revisionNumber));
+                               headerOfBuffer(env, value), ownerOf(revisionOwner), revisionNumber));
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithHashCode(
@@ -222,8 +220,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
     jshort revisionOwner, jlong revisionNumber) {
   return toHandle(updateAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key,
                                OBJECT_TYPE_JBYTE_BUFFER, headerOfBuffer(env, key), hashCode, true,
-                               headerOfBuffer(env, value), ownerOf(revisionOwner),
-                               revisionNumber));
+                               headerOfBuffer(env, value), ownerOf(revisionOwner), revisionNumber));
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithHashCodeBA(
@@ -231,8 +228,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
     jshort revisionOwner, jlong revisionNumber) {
   return toHandle(updateAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key,
                                OBJECT_TYPE_JBYTE_ARRAY, nullptr, hashCode, true,
-                               headerOfBuffer(env, value), ownerOf(revisionOwner),
-                               revisionNumber));
+                               headerOfBuffer(env, value), ownerOf(revisionOwner), revisionNumber));
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithHashCodeBABA(
@@ -241,8 +237,8 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
   const ArrayBuffer valueBuffer(env, value, valueLength, valueType, "Value Data");
   if (!valueBuffer.ok) return 0;
   return toHandle(updateAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key,
-                               OBJECT_TYPE_JBYTE_ARRAY, nullptr, hashCode, true,
-                               valueBuffer.get(), ownerOf(revisionOwner), revisionNumber));
+                               OBJECT_TYPE_JBYTE_ARRAY, nullptr, hashCode, true, valueBuffer.get(),
+                               ownerOf(revisionOwner), revisionNumber));
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithHashCodeStringBB(
@@ -265,8 +261,10 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 
 // ---- Remove --------------------------------------------------------------------------------
 
-jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_removeAndGetAndPin(
-    JNIEnv* env, jobject self, jlong map, jobject key) {
+jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_removeAndGetAndPin(JNIEnv* env,
+                                                                                   jobject self,
+                                                                                   jlong map,
+                                                                                   jobject key) {
   ByteBufferHeader* keyHeader = headerOfBuffer(env, key);
   return toHandle(removeAndGetAndPinLuOffHeapMap(env, self, fromHandle<LuOffHeapMap>(map), key,
                                                  keyHeader, hashFn(keyHeader), false));
@@ -341,9 +339,8 @@ LuOffHeapValue* getValuePinned(JNIEnv* env, const GetRequest& request, ReportLoc
   LuOffHeapValue search = {};
   search.key = request.keyBuffer;
   search.hashCode = request.hashCode;
-  auto* value = static_cast<LuOffHeapValue*>(
-      hashtable_getAndPin(env, request.self, map->map, request.key, request.format, &search, false,
-                          request.reason));
+  auto* value = static_cast<LuOffHeapValue*>(hashtable_getAndPin(
+      env, request.self, map->map, request.key, request.format, &search, false, request.reason));
   if (value != nullptr && request.attributes != nullptr &&
       !fillAttributes(env, request.attributes, value)) {
     unpinLuOffHeapMapValue(env, value, request.reason);  // Java would never see the address
@@ -396,15 +393,15 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getLuValue_1Byte
     jboolean touch, jlong revisionNumber) {
   ByteBufferHeader* keyHeader = headerOfBuffer(env, key);
   const char* function = __func__;
-  return toHandle(getValuePinned(
-      env,
-      {self, fromHandle<LuOffHeapMap>(map), &key, OBJECT_TYPE_JBYTE_BUFFER, keyHeader,
-       hashCode == -1 ? hashFn(keyHeader) : hashCode, touch == JNI_TRUE, revisionNumber,
-       NATIVE_TRANSIENT_GET_PIN, nullptr},
-      [env, function] {
-        NB_DEBUG_AS(env, function, kAcquireLockText, "BucketSet");
-        NB_TRACE_AS(error, error, env, function, "%s", kLockErrorKey);
-      }));
+  return toHandle(
+      getValuePinned(env,
+                     {self, fromHandle<LuOffHeapMap>(map), &key, OBJECT_TYPE_JBYTE_BUFFER,
+                      keyHeader, hashCode == -1 ? hashFn(keyHeader) : hashCode, touch == JNI_TRUE,
+                      revisionNumber, NATIVE_TRANSIENT_GET_PIN, nullptr},
+                     [env, function] {
+                       NB_DEBUG_AS(env, function, kAcquireLockText, "BucketSet");
+                       NB_TRACE_AS(error, error, env, function, "%s", kLockErrorKey);
+                     }));
 }
 
 // ---- Containment ---------------------------------------------------------------------------

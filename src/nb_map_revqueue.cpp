@@ -22,8 +22,8 @@ struct Neighbours {
   LuQueueEntry* next = nullptr;
 };
 
-// Equal keys keep arrival order: a new entry goes behind them. Revisions usually arrive in order, so
-// they are looked for from the newest end.
+// Equal keys keep arrival order: a new entry goes behind them. Revisions usually arrive in order,
+// so they are looked for from the newest end.
 Neighbours findNeighbours(const LuOffHeapQueue* queue, const LuQueueEntry* entry, uint8_t kind) {
   const int64_t key = sortKey(entry, kind);
   Neighbours found;
@@ -239,8 +239,7 @@ bool removeFromQueue(JNIEnv* env, LuOffHeapQueue* queue, LuQueueEntry* entry, ui
     return true;
   }
   char message[128];
-  std::snprintf(message, sizeof message, "Node=%p not found in queue.",
-                static_cast<void*>(entry));
+  std::snprintf(message, sizeof message, "Node=%p not found in queue.", static_cast<void*>(entry));
   throw_exception(env, __func__, message);
   return false;
 }
@@ -366,7 +365,8 @@ void restoreReplaced(JNIEnv* env, LuOffHeapRevisionOrderQueue* oldQueue,
 bool updateRevisionQueue(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* replaced,
                          LuOffHeapValue* value, int64_t revisionNumber, bool /*flag*/) {
   if (map == nullptr || value == nullptr) return false;
-  NB_DEBUG(env, "update the revision queues. luMap=%p numQueues=%d newLuValue=%p, "
+  NB_DEBUG(env,
+           "update the revision queues. luMap=%p numQueues=%d newLuValue=%p, "
            "overriddenLuValue=%p",
            static_cast<void*>(map), static_cast<int>(map->numQueues), static_cast<void*>(value),
            static_cast<void*>(replaced));
@@ -432,8 +432,7 @@ void clearRevisionQueue(JNIEnv* env, LuOffHeapRevisionOrderQueue* queue) {
   if (logInfo.entryExit) {
     entry(env, kClear, "clearRevisionOrderQueue enter.  queue=%p", static_cast<void*>(queue));
   } else {
-    NB_EVENT_AS(env, kClear, "clearRevisionOrderQueue enter.  queue=%p",
-                static_cast<void*>(queue));
+    NB_EVENT_AS(env, kClear, "clearRevisionOrderQueue enter.  queue=%p", static_cast<void*>(queue));
   }
   NB_DEBUG_AS(env, kClear, "queue->last=%p", static_cast<void*>(queue->last));
   NB_DEBUG_AS(env, kClear, "Before Dump of all LuValues, there are %d entries. LogInfo=%p",

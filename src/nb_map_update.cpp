@@ -1,8 +1,8 @@
 // The write operations of a map: insert, update, remove, and how each undoes what it began.
 //
-// State: none. Insert holds the map lock from before the bucket set to behind the queue; update lets
-// it go after the queue move and keeps the bucket set; remove takes no map lock and touches the queue
-// after the bucket set is free.
+// State: none. Insert holds the map lock from before the bucket set to behind the queue; update
+// lets it go after the queue move and keeps the bucket set; remove takes no map lock and touches
+// the queue after the bucket set is free.
 #include "nb_map_private.h"
 
 namespace nimbra {
@@ -88,9 +88,8 @@ WriteOutcome insertIntoTable(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
 
 LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
                              uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
-                             bool isHashCodeGiven, ByteBufferHeader* value,
-                             uint16_t revisionOwner, int64_t revisionNumber,
-                             WriteOutcome* outcome) {
+                             bool isHashCodeGiven, ByteBufferHeader* value, uint16_t revisionOwner,
+                             int64_t revisionNumber, WriteOutcome* outcome) {
   constexpr char kEnter[] =
       "luMap=%p key=%p hashCode=%d value=%p revisionOwner=%d revisionNumber=%lu withHashCode=%s";
   if (logInfo.entryExit) {
@@ -103,15 +102,15 @@ LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
              isHashCodeGiven ? "true" : "false");
   }
   report(outcome, WriteOutcome::failed);
-  LuOffHeapValue* created = allocateLuOffHeapMapValue(
-      env, keyBuffer, hashCode, isHashCodeGiven, value, revisionOwner, revisionNumber);
+  LuOffHeapValue* created = allocateLuOffHeapMapValue(env, keyBuffer, hashCode, isHashCodeGiven,
+                                                      value, revisionOwner, revisionNumber);
   if (created == nullptr) {
     NB_DEBUG(env, "fail allocating a LuOffHeapValue. key=%p, hashCode=%d, value=%p",
              static_cast<void*>(keyBuffer), hashCode, static_cast<void*>(value));
     return nullptr;
   }
-  // Deliberate: a map lock that cannot be had leaves the new value allocated. The contract with Java
-  // says so. Pinned by InsertRollback.MapLockFailureLeavesTheValue.
+  // Deliberate: a map lock that cannot be had leaves the new value allocated. The contract with
+  // Java says so. Pinned by InsertRollback.MapLockFailureLeavesTheValue.
   if (wrlock(env, map) != 0) return nullptr;
 
   const WriteOutcome linked = insertIntoTable(env, caller, map, key, keyFormat, created);
@@ -234,9 +233,9 @@ bool releaseMap(JNIEnv* env, const Update& update, LuOffHeapRevisionOrderQueue* 
   return false;
 }
 
-// Moves the old buffer to the snapshot and gives the entry the new one, under the mutex of the queue
-// that holds the entry: a walk over that queue pins either the old buffer or the new one, and never
-// one that has just been freed. REQUIRES: the bucket set.
+// Moves the old buffer to the snapshot and gives the entry the new one, under the mutex of the
+// queue that holds the entry: a walk over that queue pins either the old buffer or the new one, and
+// never one that has just been freed. REQUIRES: the bucket set.
 bool swapValue(JNIEnv* env, jobject caller, const Update& update,
                LuOffHeapRevisionOrderQueue* queue, ByteBufferHeader* value) {
   LuOffHeapValue* existing = update.existing;
@@ -264,9 +263,8 @@ bool swapValue(JNIEnv* env, jobject caller, const Update& update,
 
 LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
                              uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
-                             bool isHashCodeGiven, ByteBufferHeader* value,
-                             uint16_t revisionOwner, int64_t revisionNumber,
-                             WriteOutcome* outcome) {
+                             bool isHashCodeGiven, ByteBufferHeader* value, uint16_t revisionOwner,
+                             int64_t revisionNumber, WriteOutcome* outcome) {
   constexpr char kEnter[] =
       "luMap=%p key=%p hashCode=%d value=%p revisionOwner=%d revisionNumber=%lu withHashCode=%s";
   if (logInfo.entryExit) {
@@ -296,11 +294,10 @@ LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
     return nullptr;
   }
   LuOffHeapValue search = searchRecord(keyBuffer, hashCode, isHashCodeGiven);
-  auto* existing = static_cast<LuOffHeapValue*>(hashtable_getAndPin(
-      env, caller, map->map, key, keyFormat, &search, false, JNI_UPDATED_PIN));
+  auto* existing = static_cast<LuOffHeapValue*>(
+      hashtable_getAndPin(env, caller, map->map, key, keyFormat, &search, false, JNI_UPDATED_PIN));
   if (existing == nullptr) {
-    NB_DEBUG(env,
-             "no entry for the specified key. searchEntry->key=%p searchEntry->hashCode=%lu",
+    NB_DEBUG(env, "no entry for the specified key. searchEntry->key=%p searchEntry->hashCode=%lu",
              static_cast<void*>(keyBuffer), static_cast<unsigned long>(hashCode));
     unlockBucketSet(set);
     unlock(env, map);

@@ -53,22 +53,21 @@ uint64_t getSize_LuValue(JNIEnv* env, Pinnable* entry) {
 LuOffHeapValue* allocateLuOffHeapMapValue(JNIEnv* env, ByteBufferHeader* key, int32_t hashCode,
                                           bool isHashCodeGiven, ByteBufferHeader* value,
                                           uint16_t revisionOwner, int64_t revisionNumber) {
-  NB_DEBUG(env,
-           "key=%p, hashCode=%d, isHashCode=%d, value=%p, revisionOwner=%d,revisionNumber=%d",
+  NB_DEBUG(env, "key=%p, hashCode=%d, isHashCode=%d, value=%p, revisionOwner=%d,revisionNumber=%d",
            static_cast<void*>(key), hashCode, isHashCodeGiven, static_cast<void*>(value),
            revisionOwner, static_cast<int>(revisionNumber));
   LuOffHeapValue* record = nullptr;
   if (_isDiskOverflowEnabled) {
     NB_DEBUG(env, "NOF: adding %ld to malloc_size", static_cast<long>(sizeof(overflow_metadata)));
-    auto* variant = static_cast<LuOffHeapOverflowValue*>(malloc_nb(
-        env, sizeof(LuOffHeapOverflowValue), "LuOffHeapMapValue (Overflow Enabled)"));
+    auto* variant = static_cast<LuOffHeapOverflowValue*>(
+        malloc_nb(env, sizeof(LuOffHeapOverflowValue), "LuOffHeapMapValue (Overflow Enabled)"));
     if (variant == nullptr) return nullptr;
     variant->metadata.mapHeader = nullptr;
     variant->metadata.flags = 0;
     record = variant;
   } else {
-    record = static_cast<LuOffHeapValue*>(
-        malloc_nb(env, sizeof(LuOffHeapValue), "LuOffHeapMapValue"));
+    record =
+        static_cast<LuOffHeapValue*>(malloc_nb(env, sizeof(LuOffHeapValue), "LuOffHeapMapValue"));
     if (record == nullptr) return nullptr;
   }
   record->pins = 0;
@@ -163,8 +162,8 @@ void releaseValueBuffer(JNIEnv* env, LuOffHeapValue* value) {
   }
   const int32_t left = unpinToFree(env, buffer, LUOFFHEAPMAPVALUE_VALUE_PIN);
   if (left != 0) {
-    NB_DEBUG_AS(env, kRelease, "Unpinned value->value=%p, refCount=%d",
-                static_cast<void*>(buffer), left);
+    NB_DEBUG_AS(env, kRelease, "Unpinned value->value=%p, refCount=%d", static_cast<void*>(buffer),
+                left);
   } else {
     NB_DEBUG_AS(env, kRelease, "Freed value->value=%p, refCount=%d", static_cast<void*>(buffer),
                 left);

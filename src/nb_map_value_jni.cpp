@@ -1,15 +1,14 @@
 // LuOffHeapMapValueImpl's natives: what Java reads of a value record in place.
 //
-// No locks: Java holds a pin on the record, and asks for value information only while the value is in
-// memory. The accessors check nothing beyond what their results say.
+// No locks: Java holds a pin on the record, and asks for value information only while the value is
+// in memory. The accessors check nothing beyond what their results say.
 #include "com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl.h"
 #include "nb_jni.h"
 #include "nb_map_private.h"
 
 using namespace nimbra;
 
-jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getKeyHashCode(JNIEnv*,
-                                                                                   jobject,
+jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getKeyHashCode(JNIEnv*, jobject,
                                                                                    jlong value) {
   return fromHandle<LuOffHeapValue>(value)->hashCode;
 }
@@ -44,8 +43,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getReferenc
   return pins;
 }
 
-jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getKeyInfo(JNIEnv* env,
-                                                                               jobject,
+jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getKeyInfo(JNIEnv* env, jobject,
                                                                                jlong handle,
                                                                                jlongArray out) {
   const auto* value = fromHandle<LuOffHeapValue>(handle);

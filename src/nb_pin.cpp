@@ -113,8 +113,7 @@ int32_t pin(JNIEnv* env, Pinnable* object, uint32_t reason) {
           getReason(reason));
     traceBacktrace(env, "pin backtrace", object, "Unable to get native backtrace.");
   } else {
-    NB_EVENT(env, "enter pin: header=%p, reason=%s", static_cast<void*>(object),
-             getReason(reason));
+    NB_EVENT(env, "enter pin: header=%p, reason=%s", static_cast<void*>(object), getReason(reason));
   }
   const auto pins = static_cast<int32_t>(lockIncrement(&object->pins));
   if (logInfo.debug) {

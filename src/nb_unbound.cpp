@@ -17,8 +17,7 @@ Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getSize_1Pinnable(JNIEnv*, jc
 // The new record holds one ALLOCATION_PIN for the caller.
 JNIEXPORT jlong JNICALL
 Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_allocateLuOffHeapMapValue(
-    JNIEnv* env, jobject, jobject key, jobject value, jshort revisionOwner,
-    jlong revisionNumber) {
+    JNIEnv* env, jobject, jobject key, jobject value, jshort revisionOwner, jlong revisionNumber) {
   ByteBufferHeader* keyHeader = headerOfBuffer(env, key);
   return toHandle(allocateLuOffHeapMapValue(env, keyHeader, hashFn(keyHeader), false,
                                             headerOfBuffer(env, value),
@@ -34,9 +33,8 @@ Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_allocateLuOffHeapMapVa
                                             static_cast<uint16_t>(revisionOwner), revisionNumber));
 }
 
-JNIEXPORT jint JNICALL
-Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getKeyLength(JNIEnv*, jobject,
-                                                                            jlong value) {
+JNIEXPORT jint JNICALL Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getKeyLength(
+    JNIEnv*, jobject, jlong value) {
   const auto* record = fromHandle<LuOffHeapValue>(value);
   if (record == nullptr || record->key == nullptr) return -1;
   return static_cast<jint>(record->key->dataSize);

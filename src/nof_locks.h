@@ -18,16 +18,16 @@ struct MapHeader;
 //   ... 136        140          142
 //       | chunkSize | lock_depth | flags
 struct overflow_metadata {
-  pthread_cond_t cond;          // signalled when lock_depth drops to 0
-  pthread_mutex_t mutex;        // error-checking; guards owner and lock_depth
-  pthread_t owner;              // meaningful only while lock_depth is non-zero
-  MapHeader* mapHeader;         // the table of the entry's map; null before initialisation
-  overflow_metadata* prev;      // null when not linked
-  overflow_metadata* next;      // null when not linked
-  int64_t chunkPtrOffset;       // disk position of the value's first chunk
-  int64_t nextChunkPtrOffset;   // disk position of the following chunk
-  int32_t chunkSize;            // bytes of the disk chunk
-  uint16_t lock_depth;          // 0: free
+  pthread_cond_t cond;         // signalled when lock_depth drops to 0
+  pthread_mutex_t mutex;       // error-checking; guards owner and lock_depth
+  pthread_t owner;             // meaningful only while lock_depth is non-zero
+  MapHeader* mapHeader;        // the table of the entry's map; null before initialisation
+  overflow_metadata* prev;     // null when not linked
+  overflow_metadata* next;     // null when not linked
+  int64_t chunkPtrOffset;      // disk position of the value's first chunk
+  int64_t nextChunkPtrOffset;  // disk position of the following chunk
+  int32_t chunkSize;           // bytes of the disk chunk
+  uint16_t lock_depth;         // 0: free
   uint16_t flags;
 };
 
