@@ -144,14 +144,16 @@ inline std::vector<std::string> pinsOf(const ScriptedJni& jni, const Names& name
   return moves;
 }
 
-// The blocks of one type that event records say were handed out.
+// The blocks of one type that the allocator's records say were handed out.
 inline std::vector<void*> allocatedBlocks(const ScriptedJni& jni, const std::string& type) {
   std::vector<void*> blocks;
   for (const LogRecord& record : jni.records()) {
-    static const std::string kStart = "JNI:malloc_nb:malloc=";
-    if (!record.text.starts_with(kStart) || !record.text.ends_with(" type=" + type)) continue;
-    blocks.push_back(
-        reinterpret_cast<void*>(std::strtoull(record.text.c_str() + kStart.size(), nullptr, 16)));
+    if (!record.text.ends_with(" type=" + type)) continue;
+    for (const std::string start : {"JNI:malloc_nb:malloc=", "JNI:malloc_nb:jemalloc="}) {
+      if (!record.text.starts_with(start)) continue;
+      const char* address = record.text.c_str() + start.size();
+      blocks.push_back(reinterpret_cast<void*>(std::strtoull(address, nullptr, 16)));
+    }
   }
   return blocks;
 }

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <memory>
+
 #include "hashtable_support.h"
 
 namespace nimbra::test::hashtable {
@@ -148,9 +150,9 @@ TEST_F(TableGrowth, GrowthStandsInTheMiddleOfTheInsert) {
 
 TEST_F(TableGrowth, GrowthWithoutMemoryLeavesTheTableAsItIs) {
   Table table(env, newTable({1, 1, 1}));
-  using Way = RefuseAllocation::Way;
   uint32_t number = 0;
-  for (const Way way : {Way::kNothingLeft, Way::kOverMaximum}) {
+  // An insert that grows the set, and that does not get the new array.
+  const auto insertRefused = [&](const auto& makeRefusal) {
     const Bucket* buckets = table.set()->buckets;
     ++number;
     DefaultEntry* entry = newEntry(env, numberBytes(number), number);
@@ -158,11 +160,11 @@ TEST_F(TableGrowth, GrowthWithoutMemoryLeavesTheTableAsItIs) {
     setLevels(kDebugLevel);
     int32_t inserted = 0;
     {
-      const RefuseAllocation refusal(1, way, "Bucket[]");
+      const auto refusal = makeRefusal();
       EXPECT_EQ(hashtable_insertAndPin(env, nullptr, table, nullptr, OBJECT_TYPE_JBYTE_BUFFER,
                                        entry, &inserted, true),
                 entry);
-      EXPECT_TRUE(refusal.fired());
+      EXPECT_TRUE(refusal->fired());
     }
     EXPECT_EQ(inserted, 1);
     EXPECT_EQ(jni.pending(), std::nullopt) << "a successful insert leaves no exception behind";
@@ -179,7 +181,13 @@ TEST_F(TableGrowth, GrowthWithoutMemoryLeavesTheTableAsItIs) {
     unpinEntry(env, entry, JNI_INSERTED_PIN);
     unpinEntry(env, entry, ALLOCATION_PIN);
     EXPECT_EQ(checkTable(env, table), number);
+  };
+  using Way = RefuseAllocation::Way;
+  for (const Way way : {Way::kNothingLeft, Way::kOverMaximum}) {
+    insertRefused([&] { return std::make_unique<RefuseAllocation>(1, way, "Bucket[]"); });
   }
+  insertRefused([&] { return std::make_unique<RefuseAfterwards>(jni); });
+  ++expectedBlocksDelta;  // the last refusal stays counted
   addNumber(table, ++number);
   EXPECT_EQ(table.set()->bucketCount, 2U) << "the next insert tries again";
   EXPECT_EQ(checkTable(env, table), number);
