@@ -16,7 +16,10 @@ ByteBufferHeader* allocateByteBufferData(JNIEnv* env, uint64_t dataSize, uint8_t
   const uint64_t size = dataSize + kBufferDataOffset;
   NB_DEBUG(env, "start sub-allocation. size=%d dataSize=%d", static_cast<int>(size),
            static_cast<int>(dataSize));
-  auto* header = static_cast<ByteBufferHeader*>(malloc_nb(env, size, unchecked, type));
+  // A negative length from Java wraps around and would leave no room for the header itself.
+  const bool wrapped = size < dataSize;
+  auto* header =
+      wrapped ? nullptr : static_cast<ByteBufferHeader*>(malloc_nb(env, size, unchecked, type));
   if (header == nullptr) {
     NB_DEBUG(env, "sub-allocation was failed. size=%d dataSize=%d", static_cast<int>(size),
              static_cast<int>(dataSize));

@@ -21,8 +21,6 @@ constexpr jint kFailed = -1;
 // A key to search for. A short one is copied once, so that comparisons need no crossing.
 class SearchKey {
  public:
-  // Only what the comparison reads is filled: clearing the rest would cost more than the copy.
-  // NOLINTNEXTLINE(clang-analyzer-optin.cplusplus.UninitializedObject)
   SearchKey(JNIEnv* env, jbyteArray key, jint hash) : key_(key), hash_(hash) {
     const jsize length = env->GetArrayLength(key);
     if (length > kStackKeyBytes) return;
@@ -48,7 +46,7 @@ class SearchKey {
 
  private:
   struct {
-    ByteBufferHeader header;
+    ByteBufferHeader header = {};
     uint8_t bytes[kStackKeyBytes];
   } copy_;
   ByteBufferHeader* buffer_ = nullptr;
