@@ -510,6 +510,16 @@ TEST_F(BufferNatives, PhantomIsAGlobalWindowOverAnAddress) {
   jni.dropGlobal(phantom);
 }
 
+// A length below zero once asked for fewer bytes than the header that was then written.
+TEST_F(BufferNatives, LengthThatWrapsAroundIsRefused) {
+  for (const jint size : {-1, -8, -24}) {
+    EXPECT_EQ(allocate(size), nullptr) << size;
+    EXPECT_EQ(allocate(size, 0, 1), nullptr) << size;
+  }
+  EXPECT_EQ(allocate(10, 4), nullptr);  // the header of a stored image is longer than that
+  EXPECT_EQ(jni.pending(), std::nullopt);
+}
+
 TEST_F(BufferNatives, PhantomThatCannotBeMadeIsNull) {
   jni.failCall("NewDirectByteBuffer");
   EXPECT_EQ(manager_natives::allocatePhantom(env, manager, 4096), nullptr);
