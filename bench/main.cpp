@@ -23,6 +23,9 @@ std::vector<Comparison>& comparisons() {
   return all;
 }
 
+// Decimals of a ratio: two, or what a very small one needs.
+int precisionOf(double ratio) { return ratio < 0.01 ? 5 : 2; }
+
 std::string floorName(const Comparison& comparison, const Floor& floor) {
   return comparison.operation + ", floor: " + floor.what;
 }
@@ -63,10 +66,10 @@ class RatioTable : public benchmark::BenchmarkReporter {
       for (const Floor& floor : comparison.floors) {
         const Times least = timesOf(comparison, floorName(comparison, floor));
         if (least.runs == 0) continue;
-        std::printf("| %s | %d | %.2f | %.0f %% | %s | %.2f | %.0f %% | %.3g |\n",
+        std::printf("| %s | %d | %.2f | %.0f %% | %s | %.2f | %.0f %% | %.*f |\n",
                     comparison.operation.c_str(), comparison.threads, operation.median,
                     operation.spread, floor.what.c_str(), least.median, least.spread,
-                    operation.median / least.median);
+                    precisionOf(operation.median / least.median), operation.median / least.median);
       }
     }
   }
