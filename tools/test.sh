@@ -66,8 +66,8 @@ java() {
   figures=$(find java -path '*/surefire-reports/TEST-*.xml' -exec grep -h -m 1 '<testsuite ' {} + |
     awk '
       function number(name) {
-        return match($0, " " name "=\"[0-9]+\"") ?
-          substr($0, RSTART + length(name) + 3, RLENGTH - length(name) - 4) + 0 : 0
+        if (!match($0, " " name "=\"[0-9]+\"")) return 0
+        return substr($0, RSTART + length(name) + 3, RLENGTH - length(name) - 4) + 0
       }
       { tests += number("tests"); bad += number("failures") + number("errors") }
       END { print tests + 0, bad + 0 }')
