@@ -31,7 +31,8 @@ uint32_t below(Random& random, uint32_t limit) { return static_cast<uint32_t>(ra
 Bytes keyOf(uint32_t number) {
   // Lengths from 0 to 6: keys that are prefixes of others, and keys of one length.
   Bytes key(number % 7);
-  for (size_t i = 0; i < key.size(); ++i) key[i] = static_cast<uint8_t>((number / 7) >> (8 * i));
+  const uint64_t digits = number / 7;
+  for (size_t i = 0; i < key.size(); ++i) key[i] = static_cast<uint8_t>(digits >> (8 * i));
   return key;
 }
 
@@ -271,12 +272,8 @@ TEST_P(TableOracle, AgreesWithAHeapMap) {
         EXPECT_EQ(actor.remove(key, below(random, 2) == 0), present);
         oracle.erase(key);
         break;
-      case 11:
-        EXPECT_EQ(actor.contains(key), present);
-        break;
-      case 12:
-        EXPECT_EQ(actor.getAndPin(key), present);
-        break;
+      case 11: EXPECT_EQ(actor.contains(key), present); break;
+      case 12: EXPECT_EQ(actor.getAndPin(key), present); break;
       default: {
         const std::optional<Bytes> value = actor.get(key);
         EXPECT_EQ(value.has_value(), present);
@@ -392,19 +389,11 @@ TEST_F(TableStress, ThreadsOnTheSameKeys) {
       switch (below(random, 10)) {
         case 0:
         case 1:
-        case 2:
-          inserts += actor.insert(key, step) ? 1 : 0;
-          break;
+        case 2: inserts += actor.insert(key, step) ? 1 : 0; break;
         case 3:
-        case 4:
-          actor.replace(key, step, below(random, 2) == 0);
-          break;
-        case 5:
-          actor.update(key, step);
-          break;
-        case 6:
-          removes += actor.remove(key, below(random, 2) == 0) ? 1 : 0;
-          break;
+        case 4: actor.replace(key, step, below(random, 2) == 0); break;
+        case 5: actor.update(key, step); break;
+        case 6: removes += actor.remove(key, below(random, 2) == 0) ? 1 : 0; break;
         case 7:
           actor.contains(key);
           actor.getAndPin(key);
@@ -420,9 +409,7 @@ TEST_F(TableStress, ThreadsOnTheSameKeys) {
             EXPECT_LE(size, 24);
           }
           break;
-        default:
-          actor.get(key);
-          break;
+        default: actor.get(key); break;
       }
     }
   });
@@ -448,18 +435,10 @@ TEST_F(TableStress, ThreadsUnderFullTracing) {
       const uint32_t key = below(random, 8) * 7 + 3;
       switch (below(random, 5)) {
         case 0:
-        case 1:
-          actor.insert(key, step);
-          break;
-        case 2:
-          actor.replace(key, step, below(random, 2) == 0);
-          break;
-        case 3:
-          actor.remove(key, below(random, 2) == 0);
-          break;
-        default:
-          actor.contains(key);
-          break;
+        case 1: actor.insert(key, step); break;
+        case 2: actor.replace(key, step, below(random, 2) == 0); break;
+        case 3: actor.remove(key, below(random, 2) == 0); break;
+        default: actor.contains(key); break;
       }
       actor.jni().clearRecords();
       actor.jni().clearCalls();
