@@ -12,7 +12,7 @@
 #include "nb_alloc.h"
 #include "nb_hashtable.h"
 #include "nb_logging.h"
-#include "nb_map.h"
+#include "nb_map_private.h"
 
 using namespace nimbra;
 
@@ -277,4 +277,13 @@ jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getOriginalLuValue(JNIE
                                                                             jlong value) {
   if (!_isDiskOverflowEnabled) return 0;
   return toHandle(fromHandle<LuOffHeapValue>(value)->hashNext);
+}
+
+jint Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getSize_1LuValue(JNIEnv*, jobject) {
+  return static_cast<jint>(valueRecordSize());
+}
+
+jint Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getSize_1PerEntryMetadata(JNIEnv*,
+                                                                                  jobject) {
+  return 1;
 }

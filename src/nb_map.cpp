@@ -160,7 +160,7 @@ int unlockQueue(LuOffHeapEvictionDataQueue* queue) {
 int lockMapAndQueues(LuOffHeapMap* map, bool exclusive) {
   if (const int code = exclusive ? wrlock(nullptr, map) : rdlock(nullptr, map)) return code;
   for (uint32_t i = 0; i < map->numQueues; i++) {
-    const int code = mutexLock(&map->revisionQueue[i]->mutex, LockRank::queue, Nesting::ascending);
+    const int code = lockQueueAscending(map->revisionQueue[i]);
     if (code == 0) continue;
     for (uint32_t held = 0; held < i; held++) unlockQueue(map->revisionQueue[held]);
     unlock(nullptr, map);

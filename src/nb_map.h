@@ -148,10 +148,48 @@ void freeOverflowMetadata(JNIEnv* env, overflow_metadata* block, uint32_t count)
 
 // ---- Eviction records ----------------------------------------------------------------------
 
+// A record with one ALLOCATION_PIN that pins the key; null when memory is refused. `countKeyHeader`
+// adds the key's size to the internal-metadata figure for as long as the record lives.
 LuOffHeapEvictionData* allocateEvictionData(JNIEnv* env, ByteBufferHeader* key,
                                             bool countKeyHeader);
 void freeEvictionData(JNIEnv* env, LuOffHeapEvictionData* record, uint64_t extraSize);
+// Drops one pin; the last one releases key and record. Returns the pins left.
 uint32_t unpinLuOffHeapEvictionData(JNIEnv* env, LuOffHeapEvictionData* record, uint32_t reason);
+// Puts a record (or none) into one of the value's two slots, which hold one pin each. 0 when the
+// slot already held it, else 1. Callers serialise changes to the slots of one value.
+int32_t setEvictionDataToLuOffHeapValue(JNIEnv* env, LuOffHeapValue* value,
+                                        LuOffHeapEvictionData* record, bool forTTL);
+
+// ---- Eviction queues -----------------------------------------------------------------------
+// Each takes the queue's mutex, but for the first. An LRU insert or move costs the same at any
+// length; the ordered ones walk from the lowest sort key past every record that is not greater.
+
+// Appends at the tail. REQUIRES: the queue. False when the record has a neighbour already; one that
+// is alone in its queue passes that test.
+bool appendIntoEvictionQueue2(JNIEnv* env, LuOffHeapEvictionDataQueue* queue,
+                              LuOffHeapEvictionData* record);
+// The number of records behind the insert; -1 on failure, 0 for a null queue (LRU and TTL).
+int32_t insertLRUEvictionQueue(JNIEnv* env, LuOffHeapEvictionDataQueue* queue,
+                               LuOffHeapEvictionData* record);
+int32_t insertLFUEvictionQueueAndPin(JNIEnv* env, LuOffHeapEvictionDataQueue* queue,
+                                     LuOffHeapEvictionData* record);
+int32_t insertTTLEvictionQueueAndPin(JNIEnv* env, LuOffHeapEvictionDataQueue* queue,
+                                     LuOffHeapEvictionData* record, int64_t time);
+// Moves a record: to the tail, up by one access, to another time. A failed LRU move leaves a
+// NATIVE_TRANSIENT_GET_PIN on the record.
+bool updateLRUEvictionQueue(JNIEnv* env, LuOffHeapEvictionDataQueue* queue,
+                            LuOffHeapEvictionData* record);
+bool updateLFUEvictionQueue(JNIEnv* env, LuOffHeapEvictionDataQueue* queue,
+                            LuOffHeapEvictionData* record);
+bool updateTTLEvictionQueue(JNIEnv* env, LuOffHeapEvictionDataQueue* queue,
+                            LuOffHeapEvictionData* record, int64_t time);
+bool clearEvictionQueue(JNIEnv* env, LuOffHeapEvictionDataQueue* queue);
+// The number of records left, also when the record was not in the queue (then with an exception);
+// -1 when the queue could not be locked.
+int32_t removeFromEvictionQueue(JNIEnv* env, LuOffHeapEvictionDataQueue* queue,
+                                LuOffHeapEvictionData* record);
+// The lowest sort key; the greatest number for an empty queue, 0 for none.
+int64_t getMinimumEvictionTime(JNIEnv* env, LuOffHeapEvictionDataQueue* queue);
 
 // ---- Revision queues -----------------------------------------------------------------------
 // REQUIRES for the queue operations: the queue's mutex.
@@ -177,6 +215,24 @@ bool updateRevisionQueue(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* replace
 // Takes the map lock for reading, then the queue.
 bool removeFromRevisionQueue(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* value);
 bool clearQueues(JNIEnv* env, LuOffHeapMap* map);
+
+// ---- Revision queries and walks ------------------------------------------------------------
+
+// Writes the entries of each owner whose revision lies above starts[owner] and at or below
+// ends[owner]: their number, then nine words each (docs of the Java native). Value and buffers stay
+// pinned for Java. Resumes at the bookmark when that is not beyond the start, so that the cost is
+// in proportion to what changed; a negative index means none. `result` must have room for all.
+// False, with word 0 at 0, when a lock fails on the way; pins already taken stay.
+bool queryRevision(JNIEnv* env, LuOffHeapMap* map, int64_t* result, int32_t bookmark,
+                   const int64_t* starts, const int64_t* ends, int32_t numOwners);
+// The first value of all queues, or the one behind `value` (null: the first), pinned; null at the
+// end. `lock` takes the map lock for reading and each queue in turn; without it the caller's pins
+// and the absence of writers have to suffice.
+LuOffHeapValue* getAndPinFirstInRevisionQueue(JNIEnv* env, LuOffHeapMap* map, uint32_t reason,
+                                              bool lock);
+LuOffHeapValue* getAndPinNextInRevisionQueue(JNIEnv* env, LuOffHeapMap* map,
+                                             const LuOffHeapValue* value, uint32_t reason,
+                                             bool lock);
 
 // ---- Insert, update, remove ----------------------------------------------------------------
 

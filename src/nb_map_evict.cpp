@@ -51,4 +51,16 @@ void freeEvictionData(JNIEnv* env, LuOffHeapEvictionData* record, uint64_t extra
   subtractMetadata(size + extraSize);
 }
 
+int32_t setEvictionDataToLuOffHeapValue(JNIEnv* env, LuOffHeapValue* value,
+                                        LuOffHeapEvictionData* record, bool forTTL) {
+  NB_DEBUG(env, "luValue=%p, evictData=%p, forTTL? %d", static_cast<void*>(value),
+           static_cast<void*>(record), forTTL);
+  LuOffHeapEvictionData*& slot = forTTL ? value->ttlEvictionData : value->evictionData;
+  if (slot == record) return 0;
+  if (record != nullptr) pin(env, static_cast<Pinnable*>(record), LUOFFHEAPMAPVALUE_EVICTION_PIN);
+  if (slot != nullptr) unpinLuOffHeapEvictionData(env, slot, LUOFFHEAPMAPVALUE_EVICTION_PIN);
+  slot = record;
+  return 1;
+}
+
 }  // namespace nimbra

@@ -14,6 +14,14 @@ inline constexpr char kQueueLockText[] =
 inline constexpr char kQueueLockMessage[] =
     "Error acquiring internal queue lock in Nimbra library. Queue=Entry Revision Queue";
 
+// Words that a revision query writes for one entry.
+inline constexpr int64_t kQueryWords = 9;
+
+// Takes a queue of a map whose lower queues the thread holds already.
+inline int lockQueueAscending(LuOffHeapQueue* queue) {
+  return mutexLock(&queue->mutex, LockRank::queue, Nesting::ascending);
+}
+
 // The result of a release that failed or of a record of no known kind.
 inline constexpr uint32_t kNoCount = 0xFFFFFFFFU;
 

@@ -87,3 +87,36 @@ jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getValueType
   const auto* value = fromHandle<LuOffHeapValue>(handle);
   return value == nullptr ? -1 : value->value->deserializedType;
 }
+
+// The flag word is changed without a lock or an atomic; Java orders these calls.
+
+jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_markClientDirty(
+    JNIEnv* env, jobject self, jlong handle) {
+  const jboolean before =
+      Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_isClientDirty(env, self,
+                                                                                   handle);
+  auto* value = fromHandle<LuOffHeapValue>(handle);
+  value->flags = static_cast<uint16_t>(value->flags | clientDirty);
+  return before;
+}
+
+jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_unmarkClientDirty(
+    JNIEnv* env, jobject self, jlong handle) {
+  const jboolean before =
+      Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_isClientDirty(env, self,
+                                                                                   handle);
+  auto* value = fromHandle<LuOffHeapValue>(handle);
+  value->flags = static_cast<uint16_t>(value->flags & ~clientDirty);
+  return before;
+}
+
+jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_isClientDirty(JNIEnv*,
+                                                                                      jobject,
+                                                                                      jlong value) {
+  return (fromHandle<LuOffHeapValue>(value)->flags & clientDirty) != 0 ? JNI_TRUE : JNI_FALSE;
+}
+
+jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getSize(JNIEnv* env, jobject,
+                                                                             jlong value) {
+  return static_cast<jlong>(getSize_LuValue(env, fromHandle<LuOffHeapValue>(value)));
+}
