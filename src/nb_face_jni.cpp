@@ -3,98 +3,13 @@
 // Keys and values are opaque bytes. A value is copied, or its buffer pinned, while the bucket set
 // is held, so no reader meets a buffer that an update has freed. The face keeps handles valid: a
 // map is deleted only after the last call has left it.
-#include <cstdint>
-
 #include "com_velt_rz_corvane_nimbra_MapNatives.h"
-#include "nb_jni.h"
-#include "nb_map_private.h"
+#include "nb_face.h"
 
 using namespace nimbra;
+using namespace nimbra::face;
 
 namespace {
-
-constexpr uint16_t kOwner = 0;         // the face writes all its revisions under one owner
-constexpr jsize kStackKeyBytes = 512;  // longer keys are compared in place, in the Java array
-constexpr jsize kScanWords = 5;        // longs that the walk writes for one entry
-constexpr jint kFailed = -1;
-
-// A key to search for. A short one is copied once, so that comparisons need no crossing.
-class SearchKey {
- public:
-  SearchKey(JNIEnv* env, jbyteArray key, jint hash) : key_(key), hash_(hash) {
-    const jsize length = env->GetArrayLength(key);
-    if (length > kStackKeyBytes) return;
-    copy_.header.dataSize = static_cast<uint64_t>(length);
-    copy_.header.deserializedType = DESERIALIZED_TYPE_BINARY;
-    env->GetByteArrayRegion(key, 0, length, reinterpret_cast<jbyte*>(copy_.bytes));
-    buffer_ = &copy_.header;
-  }
-  SearchKey(const SearchKey&) = delete;
-  SearchKey& operator=(const SearchKey&) = delete;
-
-  const void* object() const { return &key_; }
-  ByteBufferHeader* buffer() const { return buffer_; }
-  jint hash() const { return hash_; }
-  BucketSet* setIn(LuOffHeapMap* map) const {
-    return getBucketSet(map->map, static_cast<uint32_t>(hash_));
-  }
-  // REQUIRES: the bucket set of setIn.
-  LuOffHeapValue* findIn(JNIEnv* env, LuOffHeapMap* map) const {
-    return static_cast<LuOffHeapValue*>(
-        _getMapEntry(env, nullptr, map->map, &key_, OBJECT_TYPE_JBYTE_ARRAY, buffer_, hash_));
-  }
-
- private:
-  struct {
-    ByteBufferHeader header = {};
-    uint8_t bytes[kStackKeyBytes];
-  } copy_;
-  ByteBufferHeader* buffer_ = nullptr;
-  jbyteArray key_;
-  jint hash_;
-};
-
-// A copy of an array in a buffer of ours, which holds one ALLOCATION_PIN for this scope.
-class ArrayCopy {
- public:
-  ArrayCopy(JNIEnv* env, jbyteArray source, const char* label) : env_(env) {
-    const jsize length = env->GetArrayLength(source);
-    header_ = allocateByteBufferData(env, static_cast<uint64_t>(length), label);
-    if (header_ == nullptr) return;
-    pin(env, header_, ALLOCATION_PIN);
-    env->GetByteArrayRegion(source, 0, length, reinterpret_cast<jbyte*>(bufferData(header_)));
-  }
-  ~ArrayCopy() {
-    if (header_ != nullptr) unpinToFree(env_, header_, ALLOCATION_PIN);
-  }
-  ArrayCopy(const ArrayCopy&) = delete;
-  ArrayCopy& operator=(const ArrayCopy&) = delete;
-  ByteBufferHeader* get() const { return header_; }
-
- private:
-  JNIEnv* env_;
-  ByteBufferHeader* header_ = nullptr;
-};
-
-void raiseLockFailure(JNIEnv* env, const char* function) {
-  throw_exception(env, function, "Error acquiring BucketSet lock in Nimbra library.");
-}
-
-bool lockOrRaise(JNIEnv* env, BucketSet* set, const char* function) {
-  if (lockBucketSet(set) == 0) return true;
-  raiseLockFailure(env, function);
-  return false;
-}
-
-WriteOutcome update(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, ByteBufferHeader* value,
-                    jlong revision) {
-  WriteOutcome outcome;
-  LuOffHeapValue* snapshot =
-      updateAndPin(env, nullptr, map, key.object(), OBJECT_TYPE_JBYTE_ARRAY, key.buffer(),
-                   key.hash(), true, value, kOwner, revision, &outcome);
-  if (snapshot != nullptr) unpinLuOffHeapMapValue(env, snapshot, ALLOCATION_PIN);
-  return outcome;
-}
 
 WriteOutcome insert(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key,
                     ByteBufferHeader* keyBuffer, ByteBufferHeader* value, jlong revision) {
@@ -180,16 +95,8 @@ jbyteArray Java_com_velt_rz_corvane_nimbra_MapNatives_get(JNIEnv* env, jclass, j
                                                           jbyteArray keyArray, jint hash) {
   const SearchKey key(env, keyArray, hash);
   jlong revision = 0;
-  ByteBufferHeader* buffer =
-      pinValue(env, fromHandle<LuOffHeapMap>(handle), key, &revision, __func__);
-  if (buffer == nullptr) return nullptr;
-  const auto length = static_cast<jsize>(buffer->dataSize);
-  const jbyteArray copy = env->NewByteArray(length);
-  if (copy != nullptr) {
-    env->SetByteArrayRegion(copy, 0, length, reinterpret_cast<const jbyte*>(bufferData(buffer)));
-  }
-  unpinToFree(env, buffer, JNI_GET_PIN);
-  return copy;
+  return copyAndUnpin(env,
+                      pinValue(env, fromHandle<LuOffHeapMap>(handle), key, &revision, __func__));
 }
 
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_remove(JNIEnv* env, jclass, jlong handle,
@@ -225,15 +132,7 @@ jlong Java_com_velt_rz_corvane_nimbra_MapNatives_pin(JNIEnv* env, jclass, jlong 
   jlong revision = 0;
   ByteBufferHeader* buffer =
       pinValue(env, fromHandle<LuOffHeapMap>(handle), key, &revision, __func__);
-  if (buffer == nullptr) return 0;
-  const jlong words[3] = {toHandle(bufferData(buffer)), static_cast<jlong>(buffer->dataSize),
-                          revision};
-  env->SetLongArrayRegion(out, 0, 3, words);
-  if (env->ExceptionCheck()) {
-    unpinToFree(env, buffer, JNI_GET_PIN);
-    return 0;
-  }
-  return toHandle(buffer);
+  return handOverPinned(env, buffer, revision, out);
 }
 
 void Java_com_velt_rz_corvane_nimbra_MapNatives_unpin(JNIEnv* env, jclass, jlong handle) {
@@ -272,15 +171,7 @@ jsize chainLength(const LuOffHeapValue* value) {
 
 // REQUIRES: the bucket set. Pins key and value buffers of a chain and writes their places.
 void writeChain(JNIEnv* env, const LuOffHeapValue* value, jlongArray out, jsize index) {
-  for (; value != nullptr; value = value->hashNext, index++) {
-    pin(env, value->key, JNI_GET_PIN);
-    pin(env, value->value, JNI_GET_PIN);
-    const jlong words[kScanWords] = {
-        toHandle(bufferData(value->key)), static_cast<jlong>(value->key->dataSize),
-        toHandle(bufferData(value->value)), static_cast<jlong>(value->value->dataSize),
-        value->revisionNumber};
-    env->SetLongArrayRegion(out, index * kScanWords, kScanWords, words);
-  }
+  for (; value != nullptr; value = value->hashNext) pinForWalk(env, value, out, index++);
 }
 
 }  // namespace

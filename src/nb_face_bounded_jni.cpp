@@ -1,0 +1,523 @@
+// The natives of bounded maps: limits, eviction by use, expiration, and revision queries.
+//
+// An entry of a bounded map carries an eviction record for each policy, and its record stands in
+// the partition's queue exactly while the entry stands in the table: both change under the entry's
+// bucket set, the queue's mutex inside it. So whoever finds an entry may move its records, and
+// whoever finds a record at the head of a queue checks under the bucket set that the entry still
+// carries it.
+//
+// Of a record's Java fields two are ours: `timeout` holds the key's hash, `expiration` whether the
+// record is queued. `metadata` is the access count (LFU) or the deadline (TTL).
+#include "com_velt_rz_corvane_nimbra_BoundedNatives.h"
+#include "nb_face.h"
+
+using namespace nimbra;
+using namespace nimbra::face;
+
+namespace {
+
+// Limits and live figures of one map, over all its partitions. The figures are raised before memory
+// or entries come to life, and only within the limits, so that no reader ever sees them above.
+struct Bound {
+  int64_t maximumBytes;
+  int64_t maximumEntries;
+  int64_t recordBytes;  // usable bytes of a value record
+  int64_t bytes;        // atomic
+  int64_t entries;      // atomic
+};
+
+bool raiseWithin(int64_t* figure, int64_t amount, int64_t maximum) {
+  for (int64_t seen = lockRead(figure);;) {
+    if (amount > maximum - seen) return false;
+    const int64_t found = lockCompareExchange(figure, seen, seen + amount);
+    if (found == seen) return true;
+    seen = found;
+  }
+}
+
+void release(Bound* bound, int64_t bytes, int64_t entries) {
+  lockDecrement(&bound->bytes, bytes);
+  lockDecrement(&bound->entries, entries);
+}
+
+bool reserve(Bound* bound, int64_t bytes, int64_t entries) {
+  if (!raiseWithin(&bound->bytes, bytes, bound->maximumBytes)) return false;
+  if (raiseWithin(&bound->entries, entries, bound->maximumEntries)) return true;
+  lockDecrement(&bound->bytes, bytes);
+  return false;
+}
+
+enum Policy : jint { kNone = 0, kLru = 1, kLfu = 2 };
+enum Mode : jint { kPut = 0, kPutIfAbsent = 1, kReplace = 2 };
+constexpr jint kNoRoom = -2;
+constexpr jlong kKeepDeadline = INT64_MIN;
+constexpr int64_t kIdle = 0;
+constexpr int64_t kQueued = 1;
+
+// One partition with its queues; a queue is null where the map has no such policy.
+struct Partition {
+  LuOffHeapMap* map;
+  LuOffHeapEvictionDataQueue* queue;
+  Policy policy;
+  LuOffHeapEvictionDataQueue* ttl;
+
+  Partition(jlong map, jlong queue, jint policy, jlong ttl)
+      : map(fromHandle<LuOffHeapMap>(map)),
+        queue(fromHandle<LuOffHeapEvictionDataQueue>(queue)),
+        policy(static_cast<Policy>(policy)),
+        ttl(fromHandle<LuOffHeapEvictionDataQueue>(ttl)) {}
+};
+
+// ---- Records of an entry. REQUIRES for all: the entry's bucket set. --------------------------
+
+bool isExpired(const LuOffHeapValue* value, jlong now) {
+  return value->ttlEvictionData != nullptr && value->ttlEvictionData->metadata <= now;
+}
+
+// REQUIRES: the queue. At the tail when the deadline allows it, as it does while all entries live
+// equally long; otherwise in order.
+void enterTtl(JNIEnv* env, LuOffHeapEvictionDataQueue* ttl, LuOffHeapEvictionData* record,
+              jlong deadline) {
+  record->metadata = deadline;
+  record->prev = nullptr;
+  record->next = nullptr;
+  const auto* last = static_cast<const LuOffHeapEvictionData*>(ttl->last);
+  if (last == nullptr || last->metadata <= deadline) {
+    appendIntoEvictionQueue2(env, ttl, record);
+  } else {
+    appendToQueue(env, ttl, record);
+  }
+}
+
+void moveDeadline(JNIEnv* env, LuOffHeapEvictionDataQueue* ttl, LuOffHeapEvictionData* record,
+                  jlong deadline) {
+  if (lockQueue(ttl) != 0) return;
+  pin(env, static_cast<Pinnable*>(record), NATIVE_TRANSIENT_GET_PIN);
+  removeFromQueue(env, ttl, record, kEvictionQueue);
+  enterTtl(env, ttl, record, deadline);
+  unpinLuOffHeapEvictionData(env, record, NATIVE_TRANSIENT_GET_PIN);
+  unlockQueue(ttl);
+}
+
+void touch(JNIEnv* env, const Partition& partition, LuOffHeapValue* value, jlong newDeadline) {
+  LuOffHeapEvictionData* used = value->evictionData;
+  if (used != nullptr && used->expiration == kQueued) {
+    if (partition.policy == kLru) {
+      updateLRUEvictionQueue(env, partition.queue, used);
+    } else if (partition.policy == kLfu) {
+      updateLFUEvictionQueue(env, partition.queue, used);
+    }
+  }
+  LuOffHeapEvictionData* timed = value->ttlEvictionData;
+  if (timed != nullptr && timed->expiration == kQueued && newDeadline != kKeepDeadline) {
+    moveDeadline(env, partition.ttl, timed, newDeadline);
+  }
+}
+
+void detachFrom(JNIEnv* env, LuOffHeapEvictionDataQueue* queue, LuOffHeapEvictionData* record) {
+  if (record == nullptr || record->expiration != kQueued) return;
+  removeFromEvictionQueue(env, queue, record);
+  record->expiration = kIdle;
+}
+
+// The records that a new entry will carry, with their ALLOCATION_PINs for this scope.
+class NewRecords {
+ public:
+  NewRecords(JNIEnv* env, const Partition& partition, ByteBufferHeader* key, jint hash)
+      : env_(env) {
+    if (partition.policy != kNone) used_ = make(key, hash);
+    if (partition.ttl != nullptr) timed_ = make(key, hash);
+    ok = (used_ != nullptr || partition.policy == kNone) &&
+         (timed_ != nullptr || partition.ttl == nullptr);
+  }
+  ~NewRecords() {
+    for (LuOffHeapEvictionData* record : {used_, timed_}) {
+      if (record != nullptr) unpinLuOffHeapEvictionData(env_, record, ALLOCATION_PIN);
+    }
+  }
+  NewRecords(const NewRecords&) = delete;
+  NewRecords& operator=(const NewRecords&) = delete;
+
+  // REQUIRES: the bucket set of `value`, which stands in the table.
+  void attachTo(LuOffHeapValue* value, const Partition& partition, jlong deadline) {
+    if (used_ != nullptr) {
+      setEvictionDataToLuOffHeapValue(env_, value, used_, false);
+      const int32_t count = partition.policy == kLru
+                                ? insertLRUEvictionQueue(env_, partition.queue, used_)
+                                : insertLFUEvictionQueueAndPin(env_, partition.queue, used_);
+      if (count > 0) used_->expiration = kQueued;
+    }
+    if (timed_ != nullptr && lockQueue(partition.ttl) == 0) {
+      setEvictionDataToLuOffHeapValue(env_, value, timed_, true);
+      enterTtl(env_, partition.ttl, timed_, deadline);
+      timed_->expiration = kQueued;
+      unlockQueue(partition.ttl);
+    }
+  }
+
+  bool ok = false;
+
+ private:
+  LuOffHeapEvictionData* make(ByteBufferHeader* key, jint hash) {
+    LuOffHeapEvictionData* record = allocateEvictionData(env_, key, false);
+    if (record == nullptr) return nullptr;
+    record->timeout = hash;
+    record->expiration = kIdle;
+    return record;
+  }
+
+  JNIEnv* env_;
+  LuOffHeapEvictionData* used_ = nullptr;
+  LuOffHeapEvictionData* timed_ = nullptr;
+};
+
+// ---- Removal -------------------------------------------------------------------------------
+
+// REQUIRES: the bucket set, which is released. Takes the entry out of table and queues and its
+// share out of the bound. The result holds JNI_REMOVED_PIN; null when the removal failed.
+LuOffHeapValue* takeOut(JNIEnv* env, const Partition& partition, Bound* bound, BucketSet* set,
+                        LuOffHeapValue* value) {
+  LuOffHeapValue search = {};
+  search.key = value->key;
+  search.hashCode = value->hashCode;
+  auto* removed = static_cast<LuOffHeapValue*>(hashtable_removeAndPin(
+      env, nullptr, partition.map->map, nullptr, OBJECT_TYPE_VALUEHEADER, &search, false));
+  if (removed != nullptr) {
+    detachFrom(env, partition.queue, removed->evictionData);
+    detachFrom(env, partition.ttl, removed->ttlEvictionData);
+    release(bound, static_cast<int64_t>(getSize_LuValue(env, removed)), 1);
+  }
+  unlockBucketSet(set);
+  if (removed == nullptr) return nullptr;
+  if (removeFromRevisionQueue(env, partition.map, removed)) return removed;
+  unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
+  return nullptr;
+}
+
+// Removes the key's entry if `mayGo` says so under the bucket set.
+template <typename MayGo>
+WriteOutcome removeIf(JNIEnv* env, const Partition& partition, Bound* bound, const SearchKey& key,
+                      MayGo mayGo, const char* function) {
+  BucketSet* set = key.setIn(partition.map);
+  if (!lockOrRaise(env, set, function)) return WriteOutcome::failed;
+  LuOffHeapValue* value = key.findIn(env, partition.map);
+  if (value == nullptr || !mayGo(value)) {
+    unlockBucketSet(set);
+    return WriteOutcome::none;
+  }
+  LuOffHeapValue* removed = takeOut(env, partition, bound, set, value);
+  if (removed == nullptr) return WriteOutcome::failed;
+  unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
+  return WriteOutcome::done;
+}
+
+// ---- Write ---------------------------------------------------------------------------------
+
+// One write: the bound is raised first, so that memory never comes to life above it.
+struct Write {
+  JNIEnv* env;
+  const Partition& partition;
+  Bound* bound;
+  const SearchKey& key;
+  ByteBufferHeader* value;
+  jlong revision;
+  jlong deadline;
+
+  // done, none (the key vanished), failed; *room is false when the bound has none.
+  WriteOutcome replace(bool* room) const {
+    const auto bytes = static_cast<int64_t>(sizeofByteBufferHeader(value));
+    *room = reserve(bound, bytes, 0);
+    if (!*room) return WriteOutcome::failed;
+    uint64_t old = 0;
+    const WriteOutcome outcome = update(env, partition.map, key, value, revision, &old);
+    release(bound, outcome == WriteOutcome::done ? static_cast<int64_t>(old) : bytes, 0);
+    if (outcome == WriteOutcome::done)
+      afterwards([&](LuOffHeapValue* entry) { touch(env, partition, entry, deadline); });
+    return outcome;
+  }
+
+  // done, none (the key has come), failed; *room as above.
+  WriteOutcome insert(jbyteArray keyArray, bool* room) const {
+    *room = true;
+    const ArrayCopy keyBuffer(env, keyArray, "Key Data");
+    if (keyBuffer.get() == nullptr) return WriteOutcome::failed;
+    const int64_t bytes = static_cast<int64_t>(sizeofByteBufferHeader(keyBuffer.get())) +
+                          static_cast<int64_t>(sizeofByteBufferHeader(value)) + bound->recordBytes;
+    *room = reserve(bound, bytes, 1);
+    if (!*room) return WriteOutcome::failed;
+    NewRecords records(env, partition, keyBuffer.get(), key.hash());
+    WriteOutcome outcome = WriteOutcome::failed;
+    LuOffHeapValue* created = nullptr;
+    if (records.ok) {
+      created = insertAndPin(env, nullptr, partition.map, key.object(), OBJECT_TYPE_JBYTE_ARRAY,
+                             keyBuffer.get(), key.hash(), true, value, kOwner, revision, &outcome);
+    }
+    if (created == nullptr) {
+      release(bound, bytes, 1);
+      return outcome;
+    }
+    lockIncrement(&bound->bytes, static_cast<int64_t>(usableSizeOf(created)) - bound->recordBytes);
+    // Another thread may have taken the entry out since: then its records are not wanted.
+    afterwards([&](LuOffHeapValue* entry) {
+      if (entry == created) records.attachTo(created, partition, deadline);
+    });
+    unpinLuOffHeapMapValue(env, created, JNI_INSERTED_PIN);
+    return WriteOutcome::done;
+  }
+
+ private:
+  // Runs `step` on the key's entry, if there is one, under its bucket set.
+  template <typename Step>
+  void afterwards(Step step) const {
+    BucketSet* set = key.setIn(partition.map);
+    if (lockBucketSet(set) != 0) return;
+    if (LuOffHeapValue* entry = key.findIn(env, partition.map)) step(entry);
+    unlockBucketSet(set);
+  }
+};
+
+enum class Presence { absent, live, expired, unknown };
+
+Presence probe(JNIEnv* env, const Partition& partition, const SearchKey& key, jlong now,
+               const char* function) {
+  BucketSet* set = key.setIn(partition.map);
+  if (!lockOrRaise(env, set, function)) return Presence::unknown;
+  const LuOffHeapValue* value = key.findIn(env, partition.map);
+  const Presence presence = value == nullptr        ? Presence::absent
+                            : isExpired(value, now) ? Presence::expired
+                                                    : Presence::live;
+  unlockBucketSet(set);
+  return presence;
+}
+
+// The value's buffer, pinned JNI_GET_PIN, and the entry marked as used; null when absent or
+// expired.
+ByteBufferHeader* pinAndTouch(JNIEnv* env, const Partition& partition, const SearchKey& key,
+                              jlong now, jlong newDeadline, jlong* revision, const char* function) {
+  BucketSet* set = key.setIn(partition.map);
+  if (!lockOrRaise(env, set, function)) return nullptr;
+  ByteBufferHeader* buffer = nullptr;
+  LuOffHeapValue* value = key.findIn(env, partition.map);
+  if (value != nullptr && !isExpired(value, now)) {
+    buffer = value->value;
+    pin(env, buffer, JNI_GET_PIN);
+    *revision = value->revisionNumber;
+    touch(env, partition, value, newDeadline);
+  }
+  unlockBucketSet(set);
+  return buffer;
+}
+
+}  // namespace
+
+// ---- Bounds --------------------------------------------------------------------------------
+
+jlong Java_com_velt_rz_corvane_nimbra_BoundedNatives_allocateBound(JNIEnv* env, jclass,
+                                                                   jlong maximumBytes,
+                                                                   jlong maximumEntries) {
+  void* probeRecord = malloc_nb(env, valueRecordSize(), "LuOffHeapMapValue");
+  if (probeRecord == nullptr) return 0;
+  const auto recordBytes = static_cast<int64_t>(usableSizeOf(probeRecord));
+  free_nb(env, probeRecord, valueRecordSize());
+  auto* bound = static_cast<Bound*>(malloc_nb(env, sizeof(Bound), "Bound"));
+  if (bound == nullptr) return 0;
+  *bound = {maximumBytes > 0 ? maximumBytes : INT64_MAX,
+            maximumEntries > 0 ? maximumEntries : INT64_MAX, recordBytes, 0, 0};
+  addMetadata(usableSizeOf(bound));
+  return toHandle(bound);
+}
+
+void Java_com_velt_rz_corvane_nimbra_BoundedNatives_freeBound(JNIEnv* env, jclass, jlong handle) {
+  auto* bound = fromHandle<Bound>(handle);
+  subtractMetadata(usableSizeOf(bound));
+  free_nb(env, bound, sizeof(Bound));
+}
+
+jlong Java_com_velt_rz_corvane_nimbra_BoundedNatives_bytes(JNIEnv*, jclass, jlong bound) {
+  return lockRead(&fromHandle<Bound>(bound)->bytes);
+}
+
+jlong Java_com_velt_rz_corvane_nimbra_BoundedNatives_entries(JNIEnv*, jclass, jlong bound) {
+  return lockRead(&fromHandle<Bound>(bound)->entries);
+}
+
+// ---- Entries -------------------------------------------------------------------------------
+
+jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_put(JNIEnv* env, jclass, jlong map,
+                                                        jlong boundHandle, jlong queue, jint policy,
+                                                        jlong ttl, jbyteArray keyArray, jint hash,
+                                                        jbyteArray valueArray, jlong revision,
+                                                        jlong now, jlong deadline, jint mode) {
+  const Partition partition(map, queue, policy, ttl);
+  auto* bound = fromHandle<Bound>(boundHandle);
+  const SearchKey key(env, keyArray, hash);
+  const ArrayCopy value(env, valueArray, "Value Data");
+  if (value.get() == nullptr) return kFailed;
+  const Write write{env, partition, bound, key, value.get(), revision, deadline};
+  // Each step is atomic; a key that comes or goes between them sends us round again.
+  for (;;) {
+    Presence presence = probe(env, partition, key, now, __func__);
+    if (presence == Presence::unknown) return kFailed;
+    if (presence == Presence::expired) {
+      const auto stillExpired = [now](const LuOffHeapValue* entry) {
+        return isExpired(entry, now);
+      };
+      if (removeIf(env, partition, bound, key, stillExpired, __func__) == WriteOutcome::failed) {
+        return kFailed;
+      }
+      continue;
+    }
+    const bool live = presence == Presence::live;
+    if (live && mode == kPutIfAbsent) return 0;
+    if (!live && mode == kReplace) return 0;
+    bool room = true;
+    const WriteOutcome outcome = live ? write.replace(&room) : write.insert(keyArray, &room);
+    if (!room) return kNoRoom;
+    if (outcome == WriteOutcome::failed) return kFailed;
+    if (outcome == WriteOutcome::done) return live && mode == kPut ? 0 : 1;
+  }
+}
+
+jbyteArray Java_com_velt_rz_corvane_nimbra_BoundedNatives_get(JNIEnv* env, jclass, jlong map,
+                                                              jlong queue, jint policy, jlong ttl,
+                                                              jbyteArray keyArray, jint hash,
+                                                              jlong now, jlong newDeadline) {
+  const SearchKey key(env, keyArray, hash);
+  jlong revision = 0;
+  return copyAndUnpin(env, pinAndTouch(env, Partition(map, queue, policy, ttl), key, now,
+                                       newDeadline, &revision, __func__));
+}
+
+jlong Java_com_velt_rz_corvane_nimbra_BoundedNatives_pin(JNIEnv* env, jclass, jlong map,
+                                                         jlong queue, jint policy, jlong ttl,
+                                                         jbyteArray keyArray, jint hash, jlong now,
+                                                         jlong newDeadline, jlongArray out) {
+  const SearchKey key(env, keyArray, hash);
+  jlong revision = 0;
+  ByteBufferHeader* buffer = pinAndTouch(env, Partition(map, queue, policy, ttl), key, now,
+                                         newDeadline, &revision, __func__);
+  return handOverPinned(env, buffer, revision, out);
+}
+
+jboolean Java_com_velt_rz_corvane_nimbra_BoundedNatives_containsKey(JNIEnv* env, jclass, jlong map,
+                                                                    jbyteArray keyArray, jint hash,
+                                                                    jlong now) {
+  const SearchKey key(env, keyArray, hash);
+  return probe(env, Partition(map, 0, kNone, 0), key, now, __func__) == Presence::live ? JNI_TRUE
+                                                                                       : JNI_FALSE;
+}
+
+jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_remove(JNIEnv* env, jclass, jlong map,
+                                                           jlong bound, jlong queue, jlong ttl,
+                                                           jbyteArray keyArray, jint hash,
+                                                           jlong now) {
+  const SearchKey key(env, keyArray, hash);
+  bool expired = false;
+  const WriteOutcome outcome = removeIf(
+      env, Partition(map, queue, kNone, ttl), fromHandle<Bound>(bound), key,
+      [&expired, now](const LuOffHeapValue* entry) {
+        expired = isExpired(entry, now);
+        return true;
+      },
+      __func__);
+  if (outcome == WriteOutcome::failed) return kFailed;
+  return outcome == WriteOutcome::done && !expired ? 1 : 0;
+}
+
+jboolean Java_com_velt_rz_corvane_nimbra_BoundedNatives_clear(JNIEnv* env, jclass, jlong map,
+                                                              jlong boundHandle, jlong queue,
+                                                              jlong ttl) {
+  const Partition partition(map, queue, kNone, ttl);
+  MapHeader* table = partition.map->map;
+  const int64_t bytes = hashtable_bytesUsed(env, table);
+  const int64_t entries = hashtable_size(env, table);
+  if (entries < 0) return JNI_FALSE;
+  for (LuOffHeapEvictionDataQueue* evictionQueue : {partition.queue, partition.ttl}) {
+    if (evictionQueue != nullptr && !clearEvictionQueue(env, evictionQueue)) return JNI_FALSE;
+  }
+  hashtable_clear(env, table);
+  const bool cleared = clearQueues(env, partition.map);
+  release(fromHandle<Bound>(boundHandle), bytes - hashtable_bytesUsed(env, table),
+          entries - hashtable_size(env, table));
+  return cleared ? JNI_TRUE : JNI_FALSE;
+}
+
+// ---- Eviction ------------------------------------------------------------------------------
+
+namespace {
+
+// The record at the head of the queue, pinned JNI_EVICTLIST_PIN; null when there is none that may
+// go.
+LuOffHeapEvictionData* pinHead(JNIEnv* env, LuOffHeapEvictionDataQueue* queue, bool byDeadline,
+                               jlong now) {
+  if (queue == nullptr || lockQueue(queue) != 0) return nullptr;
+  auto* record = static_cast<LuOffHeapEvictionData*>(queue->first);
+  if (record != nullptr && byDeadline && record->metadata > now) record = nullptr;
+  if (record != nullptr) pin(env, static_cast<Pinnable*>(record), JNI_EVICTLIST_PIN);
+  unlockQueue(queue);
+  return record;
+}
+
+// Takes the record's entry out, if it still carries the record and, by deadline, has not been given
+// another one meanwhile. The result holds JNI_REMOVED_PIN.
+LuOffHeapValue* takeOutByRecord(JNIEnv* env, const Partition& partition, Bound* bound,
+                                LuOffHeapEvictionData* record, bool byDeadline, jlong now) {
+  BucketSet* set = getBucketSet(partition.map->map, static_cast<uint32_t>(record->timeout));
+  if (lockBucketSet(set) != 0) return nullptr;
+  auto* value = static_cast<LuOffHeapValue*>(_getMapEntry(env, nullptr, partition.map->map, nullptr,
+                                                          OBJECT_TYPE_VALUEHEADER, record->key,
+                                                          record->timeout));
+  const bool mayGo =
+      value != nullptr && (byDeadline ? value->ttlEvictionData == record && isExpired(value, now)
+                                      : value->evictionData == record);
+  if (mayGo) return takeOut(env, partition, bound, set, value);
+  unlockBucketSet(set);
+  return nullptr;
+}
+
+}  // namespace
+
+jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_evict(JNIEnv* env, jclass, jlong map,
+                                                          jlong boundHandle, jlong queue, jlong ttl,
+                                                          jint count, jboolean byDeadline,
+                                                          jlong now, jlongArray out) {
+  const Partition partition(map, queue, kNone, ttl);
+  auto* bound = fromHandle<Bound>(boundHandle);
+  const bool timed = byDeadline == JNI_TRUE;
+  const jsize capacity = env->GetArrayLength(out) / kScanWords;
+  jint evicted = 0;
+  // A head that another thread takes first costs an attempt; the attempts are bounded, too.
+  for (jint attempt = 0; attempt < 2 * count && evicted < count && evicted < capacity; attempt++) {
+    LuOffHeapEvictionData* record =
+        pinHead(env, timed ? partition.ttl : partition.queue, timed, now);
+    if (record == nullptr) break;
+    LuOffHeapValue* removed = takeOutByRecord(env, partition, bound, record, timed, now);
+    if (removed != nullptr) {
+      pinForWalk(env, removed, out, evicted++);
+      unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
+    }
+    unpinLuOffHeapEvictionData(env, record, JNI_EVICTLIST_PIN);
+  }
+  return evicted;
+}
+
+// ---- Changes -------------------------------------------------------------------------------
+
+void Java_com_velt_rz_corvane_nimbra_BoundedNatives_query(JNIEnv* env, jclass, jlong map,
+                                                          jobject result, jint bookmark,
+                                                          jlong start, jlong end) {
+  auto* words = static_cast<int64_t*>(env->GetDirectBufferAddress(result));
+  words[0] = 0;
+  const int64_t starts[] = {start};
+  const int64_t ends[] = {end};
+  queryRevision(env, fromHandle<LuOffHeapMap>(map), words, bookmark, starts, ends, 1);
+}
+
+void Java_com_velt_rz_corvane_nimbra_BoundedNatives_releaseQueried(JNIEnv* env, jclass,
+                                                                   jlong valueRecord, jlong keyData,
+                                                                   jlong valueData) {
+  constexpr uint32_t kTransport = JAVA_TRANSPORT_PIN | JNI_CONVERT_FROM_JAVA_PIN;
+  unpinToFree(env, headerOfData(fromHandle<void>(keyData)), kTransport);
+  if (valueData != 0) unpinToFree(env, headerOfData(fromHandle<void>(valueData)), kTransport);
+  unpinLuOffHeapMapValue(env, fromHandle<LuOffHeapValue>(valueRecord), JNI_QUERYREVISION_PIN);
+}
