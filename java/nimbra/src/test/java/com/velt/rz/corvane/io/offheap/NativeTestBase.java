@@ -5,6 +5,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.velt.rz.corvane.io.offheap.util.PhantomWindows;
 import java.nio.ByteBuffer;
+import java.util.function.LongSupplier;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
 
@@ -67,6 +68,24 @@ public abstract class NativeTestBase {
     /** An allocation refused by its second check stays in the block count: such a test says so here. */
     protected final void countRefusalAfterAllocation() {
         refusedAfterAllocation++;
+    }
+
+    /**
+     * Runs a call while this many bytes are left, with the library's own byte count as the size in use; a refusal reads
+     * as 0. The maximum is one gigabyte afterwards.
+     */
+    protected final long withRoom(long room, LongSupplier call) {
+        MANAGER.setCurrentMaxOffHeapSize(MANAGER.getAllocatingSizeInOffHeap() + room);
+        try {
+            return call.getAsLong();
+        } catch (IllegalStateException e) {
+            return 0;
+        } catch (OutOfMemoryError e) {
+            countRefusalAfterAllocation();
+            return 0;
+        } finally {
+            MANAGER.setCurrentMaxOffHeapSize(GIGABYTE);
+        }
     }
 
     /** Blocks that this test holds now. */

@@ -62,6 +62,16 @@ public final class Trace implements AutoCloseable {
                 .collect(Collectors.toList());
     }
 
+    /** The reasons with which a record was pinned; the level must report events. */
+    public List<String> pinsOf(long address) {
+        String start = "enter pin: header=0x" + Long.toHexString(address) + ", reason=";
+        return lines.stream()
+                .map(Line::text)
+                .filter(text -> text.contains(start))
+                .map(text -> text.substring(text.indexOf(start) + start.length()))
+                .collect(Collectors.toList());
+    }
+
     @Override
     public void close() {
         setLevel(previousLevel);
