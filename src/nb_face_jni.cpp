@@ -49,6 +49,7 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_put(JNIEnv* env, jclass, jlong h
   for (;;) {
     const WriteOutcome updated = update(env, map, key, value.get(), revision);
     if (updated != WriteOutcome::none) return updated == WriteOutcome::done ? 0 : kFailed;
+    if (env->ExceptionCheck()) return kFailed;  // the search itself could not be made
     const ArrayCopy keyBuffer(env, keyArray, "Key Data");
     if (keyBuffer.get() == nullptr) return kFailed;
     const WriteOutcome inserted = insert(env, map, key, keyBuffer.get(), value.get(), revision);
@@ -185,13 +186,15 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_scan(JNIEnv* env, jclass, jlong 
   auto setIndex = static_cast<uint32_t>(cursor[0]);
   auto position = static_cast<uint32_t>(cursor[1]);
   jsize written = 0;
+  jsize needed = 0;
   bool full = false;
   while (!full && setIndex < table->numBucketSets) {
     BucketSet* set = getBucketSetByIndex(table, setIndex);
     if (lockBucketSet(set) != 0) {
       // With entries already pinned for Java the failure waits for the next step.
-      if (written == 0) raiseLockFailure(env, __func__);
-      break;
+      if (written > 0) break;
+      raiseLockFailure(env, __func__);
+      return 0;
     }
     do {
       const auto* first =
@@ -199,7 +202,7 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_scan(JNIEnv* env, jclass, jlong 
       const jsize length = chainLength(first);
       if (length > capacity - written) {
         full = true;
-        if (written == 0) written = -length;
+        needed = length;
         break;
       }
       writeChain(env, first, out, written);
@@ -209,6 +212,7 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_scan(JNIEnv* env, jclass, jlong 
     unlockBucketSet(set);
     if (!full) setIndex++;
   }
+  if (full && written == 0) return -needed;
   const jlong next[2] = {setIndex < table->numBucketSets ? static_cast<jlong>(setIndex) : -1,
                          static_cast<jlong>(position)};
   env->SetLongArrayRegion(cursorArray, 0, 2, next);

@@ -4,6 +4,8 @@
 // function here holds two of them.
 #include "nb_hashtable.h"
 
+#include <algorithm>
+
 #include "nb_alloc.h"
 #include "nb_logging.h"
 
@@ -45,15 +47,11 @@ uint32_t bucketsPerSet(uint32_t initCapacity, uint32_t numBucketSets) {
   return buckets;
 }
 
-uint32_t thresholdOf(uint32_t bucketCount, float loadFactor) {
-  const float product = static_cast<float>(bucketCount) * loadFactor;
-  return product < 1.0F ? 1 : static_cast<uint32_t>(product);
-}
-
-// Gives every set its empty bucket array. On a refused allocation the arrays of earlier sets stay
-// allocated, as the contract has it.
+// Gives every set its empty bucket array.
+// Deliberate: on a refused allocation the arrays of earlier sets stay allocated. The contract with
+// Java says so. Pinned by TableCreation.SurvivesEachRefusedAllocation.
 bool fillBucketSets(JNIEnv* env, MapHeader* header, uint32_t bucketCount) {
-  const uint32_t threshold = thresholdOf(bucketCount, header->loadFactor);
+  const uint32_t threshold = std::max(thresholdOf(bucketCount, header->loadFactor), 1U);
   for (uint32_t i = 0; i < header->numBucketSets; i++) {
     BucketSet* set = getBucketSetByIndex(header, i);
     set->bucketCount = bucketCount;
@@ -96,6 +94,12 @@ void freeAllBuckets(JNIEnv* env, MapHeader* header) {
 }
 
 }  // namespace
+
+uint32_t thresholdOf(uint32_t bucketCount, float loadFactor) {
+  const float product = static_cast<float>(bucketCount) * loadFactor;
+  if (!(product > 0)) return 0;  // also for a load factor that is no number
+  return product < 4294967296.0F ? static_cast<uint32_t>(product) : UINT32_MAX;
+}
 
 uint32_t hashFn32(uint32_t hash) {
   // Steps 4 and 6 shift left, unlike 2 and 7; where an entry lies depends on it.

@@ -173,6 +173,8 @@ Pinnable* setNext(JNIEnv* env, Pinnable* entry, Pinnable* next);
 Pinnable* setValue(JNIEnv* env, Pinnable* entry, ByteBufferHeader* value);
 uint32_t unpinEntry(JNIEnv* env, Pinnable* entry, uint32_t reason);
 
+// The product, truncated toward zero and kept within 32 bits.
+uint32_t thresholdOf(uint32_t bucketCount, float loadFactor);
 BucketSet* getBucketSetByIndex(MapHeader* header, uint32_t index);
 BucketSet* getBucketSet(MapHeader* header, uint32_t hash);
 // REQUIRES: set->mutex held, as for every function that reads a bucket.
@@ -227,6 +229,9 @@ Pinnable* hashtable_updateAndPin(JNIEnv* env, jobject map, MapHeader* header, co
 // The unlinked entry, pinned JNI_REMOVED_PIN, or null.
 Pinnable* hashtable_removeAndPin(JNIEnv* env, jobject map, MapHeader* header, const void* key,
                                  uint8_t format, Pinnable* searchEntry, bool lock);
+// Unlinks this very entry, whatever else has its key, and pins it JNI_REMOVED_PIN. REQUIRES: the
+// entry's set, and the entry in it.
+void hashtable_removeEntryAndPin(JNIEnv* env, MapHeader* header, Pinnable* entry);
 // REQUIRES: the set's mutex. Doubles the set once when its size has reached the threshold.
 void rehashMapEntriesIfNecessary(JNIEnv* env, MapHeader* header, BucketSet* set, int32_t hash);
 // Empties the table, one set at a time.

@@ -4,6 +4,7 @@
 // run with the bucket set's mutex held, including the calls into Java.
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 #include "nb_hashtable.h"
 #include "nb_logging.h"
@@ -24,8 +25,10 @@ int32_t sizeDifference(JNIEnv* env, uint64_t storedSize, uint64_t searchSize) {
                               static_cast<uint32_t>(searchSize));
 }
 
+// A key that is shorter than its type says (Java may change the type) is no number.
 template <typename Number>
 double storedNumber(const ByteBufferHeader* stored) {
+  if (stored->dataSize < sizeof(Number)) return std::numeric_limits<double>::quiet_NaN();
   Number number;
   std::memcpy(&number, bufferData(stored), sizeof number);
   return static_cast<double>(number);

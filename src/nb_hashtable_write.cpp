@@ -132,6 +132,14 @@ void unlinkEntry(JNIEnv* env, MapHeader* header, Bucket* bucket, Pinnable* entry
   header->unpinEntry(env, entry, BUCKET_NEXT_PIN);
 }
 
+// REQUIRES: the set. Takes the entry out of chain, count and figure, pinned JNI_REMOVED_PIN.
+void takeOut(JNIEnv* env, MapHeader* header, BucketSet* set, Bucket* bucket, Pinnable* entry) {
+  pin(env, entry, JNI_REMOVED_PIN);
+  set->size--;
+  unlinkEntry(env, header, bucket, entry);
+  lockDecrement(&header->bytesUsed, static_cast<int64_t>(header->sizeofEntry(env, entry)));
+}
+
 }  // namespace
 
 Pinnable* hashtable_insertAndPin(JNIEnv* env, jobject map, MapHeader* header, const void* key,
@@ -257,10 +265,7 @@ Pinnable* hashtable_removeAndPin(JNIEnv* env, jobject map, MapHeader* header, co
              static_cast<void*>(header), static_cast<void*>(keyBuffer), asInt(hash));
     return nullptr;
   }
-  pin(env, found, JNI_REMOVED_PIN);
-  set->size--;
-  unlinkEntry(env, header, bucket, found);
-  lockDecrement(&header->bytesUsed, static_cast<int64_t>(header->sizeofEntry(env, found)));
+  takeOut(env, header, set, bucket, found);
   const uint32_t size = set->size;
   unlocker.now();
   NB_DEBUG(env,
@@ -268,6 +273,13 @@ Pinnable* hashtable_removeAndPin(JNIEnv* env, jobject map, MapHeader* header, co
            static_cast<void*>(header), static_cast<void*>(keyBuffer), asInt(hash),
            static_cast<void*>(bucket), asInt(size), static_cast<void*>(found));
   return found;
+}
+
+void hashtable_removeEntryAndPin(JNIEnv* env, MapHeader* header, Pinnable* entry) {
+  const uint32_t hash = header->getHash(env, entry);
+  BucketSet* set = getBucketSet(header, hash);
+  NB_REQUIRES_HELD(&set->mutex);
+  takeOut(env, header, set, getBucketInBucketSet(set, hash), entry);
 }
 
 void rehashMapEntriesIfNecessary(JNIEnv* env, MapHeader* header, BucketSet* set, int32_t /*hash*/) {
@@ -303,7 +315,7 @@ void rehashMapEntriesIfNecessary(JNIEnv* env, MapHeader* header, BucketSet* set,
     }
   }
   freeBuckets(env, oldBuckets, asInt(oldCount));
-  set->threshold = static_cast<uint32_t>(static_cast<float>(newCount) * header->loadFactor);
+  set->threshold = thresholdOf(newCount, header->loadFactor);
   NB_DEBUG(env, "finish rehash. bucketSet=%p, bucketCount=%d, oldThreshold=%d, newThreshold=%d",
            static_cast<void*>(set), asInt(newCount), asInt(oldThreshold), asInt(set->threshold));
 }

@@ -35,15 +35,13 @@ BucketSet* setOf(LuOffHeapMap* map, int32_t hashCode) {
 
 // REQUIRES: the map lock for writing. Takes the new value out of the table again, lets the map lock
 // go and frees the value.
-void rollBackInsert(JNIEnv* env, jobject caller, LuOffHeapMap* map, LuOffHeapValue* value) {
+void rollBackInsert(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* value) {
   BucketSet* set = setOf(map, value->hashCode);
   const bool locked = lockBucketSet(set) == 0;
   unpinLuOffHeapMapValue(env, value, JNI_INSERTED_PIN);
   if (locked) {
-    // By its own key bytes: the new entry is the first of its chain with them.
-    Pinnable* removed = hashtable_removeAndPin(env, caller, map->map, nullptr,
-                                               OBJECT_TYPE_VALUEHEADER, value, false);
-    if (removed != nullptr) unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
+    hashtable_removeEntryAndPin(env, map->map, value);
+    unpinLuOffHeapMapValue(env, value, JNI_REMOVED_PIN);
     unlockBucketSet(set);
   }
   unlock(env, map);
@@ -130,7 +128,7 @@ LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
                      "newLuValue=%p",
                      static_cast<void*>(keyBuffer), hashCode, static_cast<void*>(value),
                      static_cast<void*>(created));
-    rollBackInsert(env, caller, map, created);
+    rollBackInsert(env, map, created);
     return nullptr;
   }
   if (unlock(env, map) != 0) return nullptr;
@@ -188,6 +186,10 @@ bool leaveOldQueue(JNIEnv* env, const Update& update, LuOffHeapRevisionOrderQueu
   }
   // An entry that is in no queue is tolerated: the append below puts it back in order.
   if (!removeFromQueue(env, oldQueue, existing) && env->ExceptionCheck()) env->ExceptionClear();
+  // A removal from the middle leaves the links. If the append below fails, the next write of this
+  // key must find an entry that is in no queue, not one with strangers for neighbours.
+  existing->prev = nullptr;
+  existing->next = nullptr;
   existing->revisionOwner = newOwner;
   if (unlockQueue(oldQueue) != 0) {
     giveUpUpdate(env, update);
