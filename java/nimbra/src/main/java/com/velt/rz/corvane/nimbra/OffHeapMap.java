@@ -3,12 +3,16 @@ package com.velt.rz.corvane.nimbra;
 import com.velt.rz.corvane.io.offheap.impl.LuOffHeapMapImpl;
 import com.velt.rz.corvane.io.offheap.overflow.NotEnoughResourcesException;
 import com.velt.rz.corvane.io.offheap.util.PhantomWindows;
+import java.nio.ByteBuffer;
 import java.security.SecureRandom;
+import java.time.Duration;
 import java.util.Objects;
+import java.util.concurrent.Executor;
 import java.util.concurrent.atomic.AtomicInteger;
 import java.util.concurrent.atomic.AtomicLong;
 import java.util.concurrent.locks.ReentrantLock;
 import java.util.function.BiConsumer;
+import java.util.function.LongSupplier;
 
 /**
  * A map from byte arrays to byte arrays whose entries live outside the Java heap.
@@ -23,6 +27,11 @@ import java.util.function.BiConsumer;
  *
  * <p>All methods may be called from any thread. A call on one key is atomic; {@link #size}, {@link #bytesUsed}, {@link
  * #forEach} and {@link #clear} go through the partitions one after the other and are no snapshot while others write.
+ *
+ * <p>A map may be a cache: with {@link Builder#maximumEntries} or {@link Builder#maximumBytes} it gives up entries to
+ * make room, with {@link Builder#expireAfterWrite} or {@link Builder#expireAfterAccess} it gives them up when their time
+ * is over. An expired entry is not found by any method from then on, but its memory, and its place in {@link #size} and
+ * {@link #bytesUsed}, go only when a later call or the executor collects it.
  *
  * <p>The map has to be closed: its memory is not the collector's. After {@link #close} every method but {@code close}
  * and {@link #name} throws {@link IllegalStateException}, naming the map and the operation. A write for which the limits
@@ -56,7 +65,13 @@ public final class OffHeapMap implements AutoCloseable {
     private final PartitionGates gates;
 
     /** Number of the latest write that began. */
-    private final AtomicLong revisions = new AtomicLong();
+    private final AtomicLong revisions;
+
+    /** Does the work of a map with limits, an expiry or statistics; null for all others. */
+    private final BoundedPartitions bounded;
+
+    private final ChangeReaders readers;
+
 
     /** Serialises {@link #clear} and {@link #close}. No code of a caller runs while it is held. */
     private final ReentrantLock lifecycle = new ReentrantLock();
@@ -64,7 +79,14 @@ public final class OffHeapMap implements AutoCloseable {
     /** Guarded by {@link #lifecycle}. */
     private boolean closed;
 
-    private OffHeapMap(Builder options, String name, LuOffHeapMapImpl natives, long[] handles) {
+    private OffHeapMap(
+            Builder options,
+            String name,
+            LuOffHeapMapImpl natives,
+            long[] handles,
+            PartitionGates gates,
+            AtomicLong revisions,
+            BoundedPartitions bounded) {
         this.name = name;
         this.maximumValueLength = options.maximumValueLength;
         this.natives = natives;
@@ -73,7 +95,10 @@ public final class OffHeapMap implements AutoCloseable {
         this.partitionMask = handles.length - 1;
         this.hashKey0 = RANDOM.nextLong();
         this.hashKey1 = RANDOM.nextLong();
-        this.gates = new PartitionGates(name, handles.length);
+        this.gates = gates;
+        this.revisions = revisions;
+        this.bounded = bounded;
+        this.readers = new ChangeReaders(name);
     }
 
     /** Returns a builder with the default options. */
@@ -97,7 +122,8 @@ public final class OffHeapMap implements AutoCloseable {
      * @return true when the key was new, false when its value was replaced
      * @throws NullPointerException when the key or the value is null
      * @throws IllegalArgumentException when the key or the value is too long
-     * @throws OffHeapMemoryException when memory was refused; the map is as it was
+     * @throws OffHeapMemoryException when memory was refused, or the entry is larger than a limit allows; the map is as
+     *     it was, apart from entries that a map with a limit has evicted in between
      * @throws IllegalStateException when the map is closed
      */
     public boolean put(byte[] key, byte[] value) {
@@ -105,6 +131,9 @@ public final class OffHeapMap implements AutoCloseable {
         checkValue(value);
         long hash = hash(key);
         int partition = partition(hash);
+        if (bounded != null) {
+            return bounded.put(partition, key, (int) hash, value, BoundedNatives.PUT, "put") == 1;
+        }
         int outcome;
         gates.enter(partition, "put");
         try {
@@ -123,7 +152,8 @@ public final class OffHeapMap implements AutoCloseable {
      * @return true when the value was stored, false when the key was present
      * @throws NullPointerException when the key or the value is null
      * @throws IllegalArgumentException when the key or the value is too long
-     * @throws OffHeapMemoryException when memory was refused; the map is as it was
+     * @throws OffHeapMemoryException when memory was refused, or the entry is larger than a limit allows; the map is as
+     *     it was, apart from entries that a map with a limit has evicted in between
      * @throws IllegalStateException when the map is closed
      */
     public boolean putIfAbsent(byte[] key, byte[] value) {
@@ -131,6 +161,9 @@ public final class OffHeapMap implements AutoCloseable {
         checkValue(value);
         long hash = hash(key);
         int partition = partition(hash);
+        if (bounded != null) {
+            return bounded.put(partition, key, (int) hash, value, BoundedNatives.PUT_IF_ABSENT, "putIfAbsent") == 1;
+        }
         int outcome;
         gates.enter(partition, "putIfAbsent");
         try {
@@ -149,7 +182,8 @@ public final class OffHeapMap implements AutoCloseable {
      * @return true when the value was replaced, false when the key was absent
      * @throws NullPointerException when the key or the value is null
      * @throws IllegalArgumentException when the key or the value is too long
-     * @throws OffHeapMemoryException when memory was refused; the map is as it was
+     * @throws OffHeapMemoryException when memory was refused, or the entry is larger than a limit allows; the map is as
+     *     it was, apart from entries that a map with a limit has evicted in between
      * @throws IllegalStateException when the map is closed
      */
     public boolean replace(byte[] key, byte[] value) {
@@ -157,6 +191,9 @@ public final class OffHeapMap implements AutoCloseable {
         checkValue(value);
         long hash = hash(key);
         int partition = partition(hash);
+        if (bounded != null) {
+            return bounded.put(partition, key, (int) hash, value, BoundedNatives.REPLACE, "replace") == 1;
+        }
         int outcome;
         gates.enter(partition, "replace");
         try {
@@ -181,6 +218,9 @@ public final class OffHeapMap implements AutoCloseable {
         checkKey(key);
         long hash = hash(key);
         int partition = partition(hash);
+        if (bounded != null) {
+            return bounded.get(partition, key, (int) hash);
+        }
         gates.enter(partition, "get");
         try {
             return MapNatives.get(handles[partition], key, (int) hash);
@@ -203,6 +243,13 @@ public final class OffHeapMap implements AutoCloseable {
         long hash = hash(key);
         int partition = partition(hash);
         long[] info = new long[3];
+        if (bounded != null) {
+            long handle = bounded.pin(partition, key, (int) hash, info);
+            PinnedValue pinned = handle == 0 ? null : PinnedValue.adopt(handle, info);
+            // Last, since it may run a listener, and nothing must come between the pin and its owner.
+            bounded.countLookup(handle != 0, partition, "pin");
+            return pinned;
+        }
         long handle;
         gates.enter(partition, "pin");
         try {
@@ -226,11 +273,15 @@ public final class OffHeapMap implements AutoCloseable {
         long hash = hash(key);
         int partition = partition(hash);
         int outcome;
-        gates.enter(partition, "remove");
-        try {
-            outcome = MapNatives.remove(handles[partition], key, (int) hash);
-        } finally {
-            gates.exit(partition);
+        if (bounded != null) {
+            outcome = bounded.remove(partition, key, (int) hash);
+        } else {
+            gates.enter(partition, "remove");
+            try {
+                outcome = MapNatives.remove(handles[partition], key, (int) hash);
+            } finally {
+                gates.exit(partition);
+            }
         }
         if (outcome < 0) {
             throw lockFailure("remove");
@@ -249,6 +300,9 @@ public final class OffHeapMap implements AutoCloseable {
         checkKey(key);
         long hash = hash(key);
         int partition = partition(hash);
+        if (bounded != null) {
+            return bounded.containsKey(partition, key, (int) hash);
+        }
         gates.enter(partition, "containsKey");
         try {
             return MapNatives.containsKey(handles[partition], key, (int) hash);
@@ -329,6 +383,9 @@ public final class OffHeapMap implements AutoCloseable {
     }
 
     private int scan(int partition, long[] cursor, long[] found) {
+        if (bounded != null) {
+            bounded.collectAll(partition, "forEach");
+        }
         gates.enter(partition, "forEach");
         try {
             return MapNatives.scan(handles[partition], cursor, found);
@@ -353,7 +410,7 @@ public final class OffHeapMap implements AutoCloseable {
         }
     }
 
-    private static byte[] copy(long address, long length) {
+    static byte[] copy(long address, long length) {
         byte[] bytes = new byte[Math.toIntExact(length)];
         PhantomWindows.copy(address, bytes, 0, bytes.length);
         return bytes;
@@ -375,7 +432,7 @@ public final class OffHeapMap implements AutoCloseable {
             for (int partition = 0; partition < handles.length; partition++) {
                 gates.exclude(partition);
                 try {
-                    cleared &= natives.clear(handles[partition]);
+                    cleared &= bounded != null ? bounded.clear(partition) : natives.clear(handles[partition]);
                 } finally {
                     gates.readmit(partition);
                 }
@@ -401,15 +458,136 @@ public final class OffHeapMap implements AutoCloseable {
                 return;
             }
             closed = true;
+            if (bounded != null) {
+                bounded.closing();
+            }
             for (int partition = 0; partition < handles.length; partition++) {
                 gates.close(partition);
             }
-            if (!release(natives, handles, handles.length)) {
+            boolean released = bounded == null || bounded.release();
+            if (!release(natives, handles, handles.length) || !released) {
                 throw lockFailure("close");
             }
         } finally {
             lifecycle.unlock();
         }
+    }
+
+    /**
+     * Returns this map seen through codecs.
+     *
+     * @param <K> the type of the keys
+     * @param <V> the type of the values
+     */
+    public <K, V> TypedMap<K, V> typed(Codec<K> keyCodec, Codec<V> valueCodec) {
+        return new TypedMap<>(this, keyCodec, valueCodec);
+    }
+
+    /**
+     * Returns the entries written after a revision, for a reader that does not come back. As {@link
+     * #changesSince(String, long)}, except that it looks at all older entries first.
+     */
+    public ChangeIterator changesSince(long revision) {
+        return iterate(null, revision);
+    }
+
+    /**
+     * Returns the entries written after a revision, in the order of their revisions over all partitions, up to the
+     * revision that the map has reached now. {@link ChangeIterator#lastRevision} says from where to go on.
+     *
+     * <p>A reader that goes on from there pays for what has changed since, not for the size of the map: every partition
+     * keeps a bookmark for it, where its last iterator stopped. One that goes back, or that left its last iterator before
+     * the end, makes the partitions look at all older entries once. A map has at most 64 readers, counting the iterators
+     * of {@link #changesSince(long)} that are open; {@link #forgetReader} frees a place.
+     *
+     * <p>This call waits for the writes that have begun, and holds up those that come meanwhile, for the moment that
+     * takes.
+     *
+     * @param reader a name of the caller's choice
+     * @param revision 0 for all entries, otherwise a revision that an iterator of this map has returned
+     * @return an iterator, to be closed
+     * @throws NullPointerException when the reader is null
+     * @throws IllegalArgumentException when the revision is negative, or beyond what the map has reached
+     * @throws IllegalStateException when the map is closed, when the reader has an iterator that is not closed yet, or
+     *     when there are too many readers
+     */
+    public ChangeIterator changesSince(String reader, long revision) {
+        return iterate(Objects.requireNonNull(reader, "reader"), revision);
+    }
+
+    private ChangeIterator iterate(String reader, long revision) {
+        if (revision < 0) {
+            throw new IllegalArgumentException("revision is " + revision + ", has to be at least 0");
+        }
+        long reached = completeWrites();
+        if (revision > reached) {
+            throw new IllegalArgumentException(
+                    "revision is " + revision + ", but map \"" + name + "\" has only reached " + reached);
+        }
+        return readers.begin(this, reader, revision, reached);
+    }
+
+    /**
+     * Returns a revision up to which all writes have ended. A write takes its revision inside its partition, so those
+     * with a lower one are still inside now, or gone.
+     */
+    private long completeWrites() {
+        lifecycle.lock();
+        try {
+            if (closed) {
+                throw gates.closed("changesSince");
+            }
+            long reached = revisions.get();
+            for (int partition = 0; partition < handles.length; partition++) {
+                gates.drain(partition);
+            }
+            return reached;
+        } finally {
+            lifecycle.unlock();
+        }
+    }
+
+    /** One partition's share of a window, as {@link BoundedNatives#query} describes it. */
+    void query(int partition, ByteBuffer result, int bookmark, long start, long end) {
+        if (bounded != null) {
+            bounded.collectAll(partition, "changesSince");
+        }
+        gates.enter(partition, "changesSince");
+        try {
+            BoundedNatives.query(handles[partition], result, bookmark, start, end);
+        } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
+            throw refused("changesSince on map \"" + name + "\"", e);
+        } finally {
+            gates.exit(partition);
+        }
+    }
+
+    /**
+     * Gives up the place of a named reader; the name may be used anew.
+     *
+     * @return false when no reader has that name
+     * @throws IllegalStateException when it has an iterator that is not closed
+     */
+    public boolean forgetReader(String reader) {
+        return readers.forget(Objects.requireNonNull(reader, "reader"));
+    }
+
+    /**
+     * Returns what the map has counted so far; also after {@link #close}.
+     *
+     * @throws IllegalStateException when the map counts nothing: it has no limit and no expiry, and was not built with
+     *     {@link Builder#recordStatistics}
+     */
+    public MapStatistics statistics() {
+        if (bounded == null) {
+            throw new IllegalStateException("map \"" + name + "\" records no statistics");
+        }
+        return bounded.statistics();
+    }
+
+    /** The bytes and entries that the limits count at this moment, for maps that have any. */
+    long[] boundFigures() {
+        return new long[] {bounded.bytes("statistics"), bounded.entries("statistics")};
     }
 
     /** Clears and deletes the first {@code count} native maps; returns false when a lock failed on the way. */
@@ -461,7 +639,7 @@ public final class OffHeapMap implements AutoCloseable {
      * Turns what a native raised into the exception of this face where it was a refusal, and passes it on as it is where
      * it was not: natives raise the same classes for locks that fail, and the heap runs out with the same class too.
      */
-    private static RuntimeException refused(String what, Throwable raised) {
+    static RuntimeException refused(String what, Throwable raised) {
         String text = raised.getMessage();
         if (raised instanceof NotEnoughResourcesException || text != null && text.contains(REFUSAL)) {
             return OffHeapMemoryException.refused(what, raised);
@@ -473,6 +651,10 @@ public final class OffHeapMap implements AutoCloseable {
     }
 
     private String describe(String operation, byte[] key, byte[] value) {
+        return describe(name, operation, key, value);
+    }
+
+    static String describe(String name, String operation, byte[] key, byte[] value) {
         return operation + " on map \"" + name + "\" with a key of " + key.length + " bytes and a value of "
                 + value.length + " bytes";
     }
@@ -492,6 +674,7 @@ public final class OffHeapMap implements AutoCloseable {
         private int bucketSets = 16;
         private float loadFactor = 0.75f;
         private int maximumValueLength = MAX_VALUE_LENGTH;
+        private final EvictionOptions eviction = new EvictionOptions();
 
         private Builder() {}
 
@@ -550,12 +733,96 @@ public final class OffHeapMap implements AutoCloseable {
         }
 
         /**
+         * Limits the number of entries; none by default. A write to a full map evicts others and succeeds.
+         *
+         * @param entries at least 1
+         */
+        public Builder maximumEntries(long entries) {
+            eviction.maximumEntries = EvictionOptions.checkLimit("maximumEntries", entries);
+            return this;
+        }
+
+        /**
+         * Limits the bytes of the entries, as {@link OffHeapMap#bytesUsed} counts them; no limit by default. A write to a
+         * full map evicts others and succeeds; one that would not even fit alone is refused and evicts nothing. While a
+         * value is replaced, the old one and the new one count.
+         *
+         * @param bytes at least 1
+         */
+        public Builder maximumBytes(long bytes) {
+            eviction.maximumBytes = EvictionOptions.checkLimit("maximumBytes", bytes);
+            return this;
+        }
+
+        /**
+         * Sets which entries make room; {@link EvictionPolicy#LRU} by default. Each partition has an order of its own, so
+         * that in the map as a whole the order is kept roughly; with one partition, exactly. Stores, {@code get} and
+         * {@code pin} count as use, {@code containsKey} does not.
+         */
+        public Builder evictionPolicy(EvictionPolicy policy) {
+            eviction.policy = Objects.requireNonNull(policy, "policy");
+            return this;
+        }
+
+        /**
+         * Lets an entry expire so long after it was stored or its value replaced. Since all entries live equally long,
+         * the deadlines come in order, and keeping them costs the same however many there are; writers that overtake
+         * each other walk past those in between.
+         *
+         * @param duration more than zero; excludes {@link #expireAfterAccess}
+         */
+        public Builder expireAfterWrite(Duration duration) {
+            eviction.afterWrite = EvictionOptions.checkDuration("expireAfterWrite", duration);
+            return this;
+        }
+
+        /**
+         * Lets an entry expire so long after it was last stored, replaced, got or pinned. What {@link #expireAfterWrite}
+         * says of the cost holds here, too.
+         *
+         * @param duration more than zero; excludes {@link #expireAfterWrite}
+         */
+        public Builder expireAfterAccess(Duration duration) {
+            eviction.afterAccess = EvictionOptions.checkDuration("expireAfterAccess", duration);
+            return this;
+        }
+
+        /** Sets who is told of evicted and expired entries. Needs a limit or an expiry. */
+        public Builder evictionListener(EvictionListener listener) {
+            eviction.listener = Objects.requireNonNull(listener, "listener");
+            return this;
+        }
+
+        /**
+         * Sets an executor on which the map keeps a little room below its limits, a 64th, and collects expired entries,
+         * so that its callers seldom have to. Needs a limit or an expiry. A task that the executor runs after the map was
+         * closed does nothing.
+         */
+        public Builder executor(Executor executor) {
+            eviction.executor = Objects.requireNonNull(executor, "executor");
+            return this;
+        }
+
+        /** Sets the clock of the expiry, in nanoseconds; {@link System#nanoTime} by default. Meant for tests. */
+        public Builder ticker(LongSupplier nanoseconds) {
+            eviction.ticker = Objects.requireNonNull(nanoseconds, "nanoseconds");
+            return this;
+        }
+
+        /** Lets a map count what {@link OffHeapMap#statistics} returns; one with a limit or an expiry always does. */
+        public Builder recordStatistics() {
+            eviction.statistics = true;
+            return this;
+        }
+
+        /**
          * Creates the map.
          *
-         * @throws IllegalStateException when {@link Nimbra} is not started
+         * @throws IllegalStateException when {@link Nimbra} is not started, or when options do not go together
          * @throws OffHeapMemoryException when the limits leave no room for it
          */
         public OffHeapMap build() {
+            eviction.check();
             NimbraStats stats = Nimbra.get().stats();
             int id = MAPS_MADE.incrementAndGet();
             String mapName = name != null ? name : "map-" + id;
@@ -575,7 +842,12 @@ public final class OffHeapMap implements AutoCloseable {
                         throw OffHeapMemoryException.refused(what, null);
                     }
                 }
-                OffHeapMap map = new OffHeapMap(this, mapName, natives, handles);
+                PartitionGates gates = new PartitionGates(mapName, partitions);
+                AtomicLong revisions = new AtomicLong();
+                BoundedPartitions bounded = eviction.wanted()
+                        ? new BoundedPartitions(mapName, handles, gates, revisions, eviction)
+                        : null;
+                OffHeapMap map = new OffHeapMap(this, mapName, natives, handles, gates, revisions, bounded);
                 complete = true;
                 return map;
             } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {

@@ -15,7 +15,7 @@ import java.lang.invoke.VarHandle;
  * itself only to take that back, and touches no native map; it can delay {@link #awaitEmpty} by that moment, never
  * mislead it.
  *
- * <p>{@link #close}, {@link #exclude} and {@link #readmit} are serialised by the map's lifecycle lock.
+ * <p>{@link #close}, {@link #exclude}, {@link #readmit} and {@link #drain} are serialised by the map's lifecycle lock.
  */
 final class PartitionGates {
     private static final VarHandle GATE = MethodHandles.arrayElementVarHandle(long[].class);
@@ -73,6 +73,14 @@ final class PartitionGates {
     void readmit(int gate) {
         GATE.getAndBitwiseAnd(gates, slot(gate), ~EXCLUSIVE);
         wakeWaiters();
+    }
+
+    /** Waits until the calls that were inside when this one began have left. */
+    void drain(int gate) {
+        if (((long) GATE.getVolatile(gates, slot(gate)) & ~FLAGS) != 0) {
+            exclude(gate);
+            readmit(gate);
+        }
     }
 
     /** Makes the exception of an operation on a closed map. */
