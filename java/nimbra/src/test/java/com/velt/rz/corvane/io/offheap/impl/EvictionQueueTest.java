@@ -308,7 +308,10 @@ class EvictionQueueTest extends EvictionTestBase {
             LRU.insertLRU(queue, record);
         }
         LRU.remove(queue, r[1]);
-        assertEquals(-1, LRU.insertLRU(queue, r[1]));
+        try (Trace trace = Trace.at(OffHeapLogger.ERROR)) {
+            assertEquals(-1, LRU.insertLRU(queue, r[1]));
+            assertEquals(1, trace.lines().size());
+        }
         assertEquals(List.of(r[0], r[2]), all(queue));
         assertEquals(3, TTL.insertTTL(queue, r[1], Long.MAX_VALUE));
         assertEquals(List.of(r[0], r[2], r[1]), all(queue));
