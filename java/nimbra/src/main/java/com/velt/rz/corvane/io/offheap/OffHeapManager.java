@@ -231,7 +231,8 @@ public class OffHeapManager {
     public static native int getSize_DefaultEntry();
 
     /**
-     * Drops one pin of an entry; the last one frees the entry with its key and value pins.
+     * Drops one pin of an entry or of an update's snapshot; the last one frees it and drops its pins on its key, its
+     * value and the eviction records in its slots.
      *
      * @param value address of the entry
      * @param reason names the holder in traces; has no other effect
@@ -246,17 +247,18 @@ public class OffHeapManager {
      */
     public native long getOriginalLuValue(long value);
 
-    /** Returns the size of an entry record in bytes, which depends on whether disk overflow is on. */
+    /** Returns the size of an entry record in bytes, without key and value: 88, or 232 while disk overflow is on. */
     public native int getSize_LuValue();
 
-    /** Returns 1. */
+    /** Returns 1, the bytes that an entry is said to need beside its record. */
     public native int getSize_PerEntryMetadata();
 
     /**
-     * Puts an eviction record into one of an entry's two slots. The slot pins the new record and drops its pin on the
-     * old one. Callers serialise changes of one entry's slots.
+     * Puts an eviction record into one of an entry's two slots. The slot adds a pin of its own to the new record, then
+     * drops its pin on the old one, which may free that; the caller's pins stay. One record may be in both slots. No
+     * lock is taken: callers serialise changes and reads of one entry's slots.
      *
-     * @param value address of the entry
+     * @param value address of an entry that the caller has pinned
      * @param record address of the eviction record, or 0 to clear the slot
      * @param forTTL true for the time-to-live slot
      * @return false when the slot already held that record
@@ -264,17 +266,18 @@ public class OffHeapManager {
     public native boolean setEvictionData_native(long value, long record, boolean forTTL);
 
     /**
-     * Returns the eviction record in a slot, pinned for the caller, or 0 when there is none.
+     * Returns the eviction record in a slot, with a pin of reason 1024 for the caller, dropped with {@link
+     * #unpinLuEvictionData_native}; 0 when there is none.
      *
-     * @param value address of the entry, or 0
+     * @param value address of an entry that the caller has pinned, or 0
      * @param forTTL true for the time-to-live slot
      */
     public native long getEvictionData_native(long value, boolean forTTL);
 
     /**
-     * Adds one pin to an eviction record; the caller owns it.
+     * Adds one pin to an eviction record; the caller owns it and drops it with {@link #unpinLuEvictionData_native}.
      *
-     * @param record address of the record
+     * @param record address of a record that somebody holds during the call
      * @param reason names the holder in traces; has no other effect
      * @return the new pin count
      */

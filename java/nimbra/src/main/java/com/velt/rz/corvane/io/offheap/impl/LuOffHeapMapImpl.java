@@ -13,12 +13,66 @@ import java.util.Objects;
  * once {@link #deleteLuOffHeapMap} was called. Every native may be called from any thread; inserts and updates of one
  * map exclude each other, lookups and removals lock only the key's bucket set.
  *
- * <p>Every entry that a native returns carries one pin for the caller, dropped with {@link
- * com.velt.rz.corvane.io.offheap.OffHeapManager#unpinLuOffHeapValue_native}.
+ * <h2>Pins</h2>
  *
- * <p>A number key is stored as its bytes in native order, a float or double as its IEEE bit pattern, under the type tag
- * of its Java type. A lookup by number finds it from any number type that has the same value. No lookup finds a boolean
- * key, so none can be updated.
+ * <p>Whatever a native hands over carries one more pin, which the caller owns and must drop. Entries and snapshots are
+ * dropped with {@link com.velt.rz.corvane.io.offheap.OffHeapManager#unpinLuOffHeapValue_native}, key and value blocks
+ * with {@link com.velt.rz.corvane.io.offheap.OffHeapManager#unpin_native} on the address of their header, 24 bytes below
+ * their data. The reason serves traces and pin reports alone; by convention a pin is dropped with the number that it
+ * was taken with.
+ *
+ * <ul>
+ *   <li>An insert pins the new entry with 8388609. The map holds three pins of its own: one for the hash chain, two for
+ *       the revision queue.
+ *   <li>An update hands over a snapshot with its only pin, 2097152: the caller's unpin frees it. The entry itself is not
+ *       pinned.
+ *   <li>A removal pins the removed entry with 8388608; nothing of the map holds it any more.
+ *   <li>{@link #getLuValue_ByteArray} pins with 1024, the other three getters with 16777216. No getter pins the key or
+ *       value block; the entry's pin keeps the key, an update by another thread may free the value.
+ *   <li>{@link #queryRevisionAndPinWithBounds} pins each entry with 2048, and its key and its value with 8192.
+ *   <li>The walks pin the entry with the caller's reason, {@link #getAndPinNextKeyWithAttributes} the key as well.
+ *   <li>The containment natives leave no pin.
+ * </ul>
+ *
+ * <p>Buffers that Java passes keep the pins that they came with; an entry takes pins of its own on the key and value
+ * that it keeps. A buffer must have been made by this library: its header is looked for below its address, and a heap
+ * buffer ends the process.
+ *
+ * <h2>Keys and searches</h2>
+ *
+ * <p>An entry is found by hash code first: all searches of one key must use the hash code that it was inserted with.
+ *
+ * <ul>
+ *   <li>A byte array or a buffer finds every key with the same bytes, whatever its type tag.
+ *   <li>A string finds keys of tag 20 with the same UTF-16 units, stored high byte first.
+ *   <li>A number finds number keys of every width with the same value: the searched number and the stored one are
+ *       compared as doubles, a stored float or double with a relative tolerance of 1e-14 of the searched number. Both
+ *       zeros are one key, and longs that become the same double are. A NaN is never found and never a duplicate.
+ *       Number keys are stored as their bytes in native order, floats and doubles as their IEEE bit patterns.
+ *   <li>A boolean key is never a duplicate, no number finds it, and it cannot be updated as a boolean; its one byte
+ *       finds it.
+ *   <li>An insert looks for a duplicate by number under a number key, otherwise by the bytes: a key of other type with
+ *       the same bytes and hash code refuses a string that no search by string finds.
+ * </ul>
+ *
+ * <h2>Locks and cost</h2>
+ *
+ * <p>Inserts, updates and touching lookups hold the map's write lock; other lookups and removals lock the key's bucket
+ * set, and a removal then its revision queue. Lookups cost one hash chain. Taking an entry out of its revision queue is
+ * constant. Putting it in walks from the newest end past every entry of a higher revision: constant for the highest
+ * revision, and in proportion to the entries passed for an old one. The first use of a new owner makes a queue for each
+ * owner up to it.
+ *
+ * <p>{@link #clear} first empties the table and then the queues: an insert in between stays in the table without a
+ * place in a queue, and its removal or a touching lookup then raises "not found in queue". Keep writers and touching
+ * lookups away from a clear.
+ *
+ * <h2>Errors</h2>
+ *
+ * <p>Refused memory raises {@link IllegalStateException}, or {@link OutOfMemoryError} when another thread was faster;
+ * the map is then as it was. A failed lock is logged; where a queue is concerned it also raises {@link
+ * IllegalStateException}. An array shorter than the length given for it raises {@link ArrayIndexOutOfBoundsException}. A
+ * missing or existing key raises nothing: the result is 0.
  */
 public class LuOffHeapMapImpl {
     static {
@@ -123,7 +177,7 @@ public class LuOffHeapMapImpl {
      * @param value buffer of this library; the entry keeps a pin of its own
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
+     * @return the new entry, with a pin of reason 8388609 for the caller, or 0 when the key exists or a lock failed
      */
     public native long insertAndGetNewAndPin(
             long map, ByteBuffer key, ByteBuffer value, short revisionOwner, long revisionNumber);
@@ -137,7 +191,7 @@ public class LuOffHeapMapImpl {
      * @param value buffer of this library; the entry keeps a pin of its own
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
+     * @return the new entry, with a pin of reason 8388609 for the caller, or 0 when the key exists or a lock failed
      */
     public native long insertAndGetNewAndPinWithHashCode(
             long map, ByteBuffer key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
@@ -154,7 +208,7 @@ public class LuOffHeapMapImpl {
      * @param valueType type tag of the stored value
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
+     * @return the new entry, with a pin of reason 8388609 for the caller, or 0 when the key exists or a lock failed
      */
     public native long insertAndGetNewAndPinWithHashCodeAndBA(
             long map,
@@ -178,7 +232,7 @@ public class LuOffHeapMapImpl {
      * @param valueType type tag of the stored value
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
+     * @return the new entry, with a pin of reason 8388609 for the caller, or 0 when the key exists or a lock failed
      */
     public native long insertAndGetNewAndPinWithHashCodeAndString(
             long map,
@@ -198,7 +252,7 @@ public class LuOffHeapMapImpl {
      * @param value buffer of this library; the entry keeps a pin of its own
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return the new entry, pinned for the caller, or 0 when the key exists, memory was refused or a lock failed
+     * @return the new entry, with a pin of reason 8388609 for the caller, or 0 when the key exists or a lock failed
      */
     public native long insertAndGetNewAndPinWithHashCodeAndStringBB(
             long map, String key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
@@ -212,8 +266,8 @@ public class LuOffHeapMapImpl {
      * @param value buffer of this library; the entry keeps a pin of its own
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is
-     *     no such key, memory was refused or a lock failed
+     * @return a snapshot with the key and the previous value, owner and revision; its only pin, of reason 2097152, is
+     *     the caller's; 0 when there is no such key or a lock failed
      */
     public native long updateAndGetNewAndPin(
             long map, ByteBuffer key, ByteBuffer value, short revisionOwner, long revisionNumber);
@@ -228,8 +282,8 @@ public class LuOffHeapMapImpl {
      * @param value buffer of this library; the entry keeps a pin of its own
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is
-     *     no such key, memory was refused or a lock failed
+     * @return a snapshot with the key and the previous value, owner and revision; its only pin, of reason 2097152, is
+     *     the caller's; 0 when there is no such key or a lock failed
      */
     public native long updateAndGetNewAndPinWithHashCode(
             long map, ByteBuffer key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
@@ -243,8 +297,8 @@ public class LuOffHeapMapImpl {
      * @param value buffer of this library; the entry keeps a pin of its own
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is
-     *     no such key, memory was refused or a lock failed
+     * @return a snapshot with the key and the previous value, owner and revision; its only pin, of reason 2097152, is
+     *     the caller's; 0 when there is no such key or a lock failed
      */
     public native long updateAndGetNewAndPinWithHashCodeBA(
             long map, byte[] key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
@@ -260,8 +314,8 @@ public class LuOffHeapMapImpl {
      * @param valueType type tag of the stored value
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is
-     *     no such key, memory was refused or a lock failed
+     * @return a snapshot with the key and the previous value, owner and revision; its only pin, of reason 2097152, is
+     *     the caller's; 0 when there is no such key or a lock failed
      */
     public native long updateAndGetNewAndPinWithHashCodeBABA(
             long map,
@@ -282,8 +336,8 @@ public class LuOffHeapMapImpl {
      * @param value buffer of this library; the entry keeps a pin of its own
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is
-     *     no such key, memory was refused or a lock failed
+     * @return a snapshot with the key and the previous value, owner and revision; its only pin, of reason 2097152, is
+     *     the caller's; 0 when there is no such key or a lock failed
      */
     public native long updateAndGetNewAndPinWithHashCodeStringBB(
             long map, String key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
@@ -299,8 +353,8 @@ public class LuOffHeapMapImpl {
      * @param valueType type tag of the stored value
      * @param revisionOwner queue that the entry joins
      * @param revisionNumber place of the entry in that queue
-     * @return a snapshot with the previous value, owner and revision, which the caller owns and unpins; 0 when there is
-     *     no such key, memory was refused or a lock failed
+     * @return a snapshot with the key and the previous value, owner and revision; its only pin, of reason 2097152, is
+     *     the caller's; 0 when there is no such key or a lock failed
      */
     public native long updateAndGetNewAndPinWithHashCodeStringBA(
             long map,
@@ -317,7 +371,8 @@ public class LuOffHeapMapImpl {
      *
      * @param map handle
      * @param key buffer of this library
-     * @return the removed entry, pinned for the caller, or 0
+     * @return the removed entry, with a pin of reason 8388608 for the caller, or 0 when there is no such key or a lock
+     *     failed
      */
     public native long removeAndGetAndPin(long map, ByteBuffer key);
 
@@ -327,7 +382,8 @@ public class LuOffHeapMapImpl {
      * @param map handle
      * @param key buffer of this library
      * @param hashCode hash code of the key
-     * @return the removed entry, pinned for the caller, or 0
+     * @return the removed entry, with a pin of reason 8388608 for the caller, or 0 when there is no such key or a lock
+     *     failed
      */
     public native long removeAndGetAndPinWithHashCode(long map, ByteBuffer key, int hashCode);
 
@@ -336,7 +392,8 @@ public class LuOffHeapMapImpl {
      *
      * @param map handle
      * @param hashCode hash code of the key
-     * @return the removed entry, pinned for the caller, or 0
+     * @return the removed entry, with a pin of reason 8388608 for the caller, or 0 when there is no such key or a lock
+     *     failed
      */
     public native long removeAndGetAndPinWithHashCodeBA(long map, byte[] key, int hashCode);
 
@@ -345,7 +402,8 @@ public class LuOffHeapMapImpl {
      *
      * @param map handle
      * @param hashCode hash code of the key
-     * @return the removed entry, pinned for the caller, or 0
+     * @return the removed entry, with a pin of reason 8388608 for the caller, or 0 when there is no such key or a lock
+     *     failed
      */
     public native long removeAndGetAndPinWithHashCodeString(long map, String key, int hashCode);
 
@@ -354,11 +412,12 @@ public class LuOffHeapMapImpl {
      *
      * @param map handle
      * @param hashCode hash code of the key
-     * @return the removed entry, pinned for the caller, or 0
+     * @return the removed entry, with a pin of reason 8388608 for the caller, or 0 when there is no such key or a lock
+     *     failed
      */
     public native long removeAndGetAndPinWithHashCodeNumber(long map, int hashCode, double key);
 
-    /** Same as {@link #insertAndGetNewAndPinWithHashCodeAndBA}, under a number key. */
+    /** Inserts under a key of 1 byte with type tag 12, as {@link #insertAndGetNewAndPinWithHashCodeAndBA} does. */
     public native long insertAndGetNewAndPinWithByte(
             long map,
             byte key,
@@ -369,11 +428,11 @@ public class LuOffHeapMapImpl {
             short revisionOwner,
             long revisionNumber);
 
-    /** Same as {@link #insertAndGetNewAndPinWithHashCode}, under a number key. */
+    /** Inserts under a key of 1 byte with type tag 12, as {@link #insertAndGetNewAndPinWithHashCode} does. */
     public native long insertAndGetNewAndPinWithByteBB(
             long map, byte key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /** Same as {@link #insertAndGetNewAndPinWithHashCodeAndBA}, under a number key. */
+    /** Inserts under a key of 2 bytes with type tag 15, as {@link #insertAndGetNewAndPinWithHashCodeAndBA} does. */
     public native long insertAndGetNewAndPinWithShort(
             long map,
             short key,
@@ -384,11 +443,11 @@ public class LuOffHeapMapImpl {
             short revisionOwner,
             long revisionNumber);
 
-    /** Same as {@link #insertAndGetNewAndPinWithHashCode}, under a number key. */
+    /** Inserts under a key of 2 bytes with type tag 15, as {@link #insertAndGetNewAndPinWithHashCode} does. */
     public native long insertAndGetNewAndPinWithShortBB(
             long map, short key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /** Same as {@link #insertAndGetNewAndPinWithHashCodeAndBA}, under a number key. */
+    /** Inserts under a key of 4 bytes with type tag 16, as {@link #insertAndGetNewAndPinWithHashCodeAndBA} does. */
     public native long insertAndGetNewAndPinWithInt(
             long map,
             int key,
@@ -399,11 +458,11 @@ public class LuOffHeapMapImpl {
             short revisionOwner,
             long revisionNumber);
 
-    /** Same as {@link #insertAndGetNewAndPinWithHashCode}, under a number key. */
+    /** Inserts under a key of 4 bytes with type tag 16, as {@link #insertAndGetNewAndPinWithHashCode} does. */
     public native long insertAndGetNewAndPinWithIntBB(
             long map, int key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /** Same as {@link #insertAndGetNewAndPinWithHashCodeAndBA}, under a number key. */
+    /** Inserts under a key of 8 bytes with type tag 17, as {@link #insertAndGetNewAndPinWithHashCodeAndBA} does. */
     public native long insertAndGetNewAndPinWithLong(
             long map,
             long key,
@@ -414,11 +473,11 @@ public class LuOffHeapMapImpl {
             short revisionOwner,
             long revisionNumber);
 
-    /** Same as {@link #insertAndGetNewAndPinWithHashCode}, under a number key. */
+    /** Inserts under a key of 8 bytes with type tag 17, as {@link #insertAndGetNewAndPinWithHashCode} does. */
     public native long insertAndGetNewAndPinWithLongBB(
             long map, long key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /** Same as {@link #insertAndGetNewAndPinWithHashCodeAndBA}, under a number key. */
+    /** Inserts under a key of 4 bytes with type tag 18, as {@link #insertAndGetNewAndPinWithHashCodeAndBA} does. */
     public native long insertAndGetNewAndPinWithFloat(
             long map,
             float key,
@@ -429,11 +488,11 @@ public class LuOffHeapMapImpl {
             short revisionOwner,
             long revisionNumber);
 
-    /** Same as {@link #insertAndGetNewAndPinWithHashCode}, under a number key. */
+    /** Inserts under a key of 4 bytes with type tag 18, as {@link #insertAndGetNewAndPinWithHashCode} does. */
     public native long insertAndGetNewAndPinWithFloatBB(
             long map, float key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /** Same as {@link #insertAndGetNewAndPinWithHashCodeAndBA}, under a number key. */
+    /** Inserts under a key of 8 bytes with type tag 19, as {@link #insertAndGetNewAndPinWithHashCodeAndBA} does. */
     public native long insertAndGetNewAndPinWithDouble(
             long map,
             double key,
@@ -444,11 +503,14 @@ public class LuOffHeapMapImpl {
             short revisionOwner,
             long revisionNumber);
 
-    /** Same as {@link #insertAndGetNewAndPinWithHashCode}, under a number key. */
+    /** Inserts under a key of 8 bytes with type tag 19, as {@link #insertAndGetNewAndPinWithHashCode} does. */
     public native long insertAndGetNewAndPinWithDoubleBB(
             long map, double key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /** Same as {@link #insertAndGetNewAndPinWithHashCodeAndBA}, under a boolean key. */
+    /**
+     * Inserts under a key of 1 byte with type tag 13, as {@link #insertAndGetNewAndPinWithHashCodeAndBA} does; the key
+     * is never taken for a duplicate.
+     */
     public native long insertAndGetNewAndPinWithBoolean(
             long map,
             boolean key,
@@ -459,11 +521,14 @@ public class LuOffHeapMapImpl {
             short revisionOwner,
             long revisionNumber);
 
-    /** Same as {@link #insertAndGetNewAndPinWithHashCode}, under a boolean key. */
+    /**
+     * Inserts under a key of 1 byte with type tag 13, as {@link #insertAndGetNewAndPinWithHashCode} does; the key is
+     * never taken for a duplicate.
+     */
     public native long insertAndGetNewAndPinWithBooleanBB(
             long map, boolean key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /** Same as {@link #updateAndGetNewAndPinWithHashCodeBABA}, under a number key. */
+    /** Updates the entry of an equal number of any width, as {@link #updateAndGetNewAndPinWithHashCodeBABA} does. */
     public native long updateAndGetNewAndPinWithByte(
             long map,
             byte key,
@@ -474,11 +539,11 @@ public class LuOffHeapMapImpl {
             short revisionOwner,
             long revisionNumber);
 
-    /** Same as {@link #updateAndGetNewAndPinWithHashCode}, under a number key. */
+    /** Updates the entry of an equal number of any width, as {@link #updateAndGetNewAndPinWithHashCode} does. */
     public native long updateAndGetNewAndPinWithByteBB(
             long map, byte key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /** Same as {@link #updateAndGetNewAndPinWithHashCodeBABA}, under a number key. */
+    /** Updates the entry of an equal number of any width, as {@link #updateAndGetNewAndPinWithHashCodeBABA} does. */
     public native long updateAndGetNewAndPinWithShort(
             long map,
             short key,
@@ -489,11 +554,11 @@ public class LuOffHeapMapImpl {
             short revisionOwner,
             long revisionNumber);
 
-    /** Same as {@link #updateAndGetNewAndPinWithHashCode}, under a number key. */
+    /** Updates the entry of an equal number of any width, as {@link #updateAndGetNewAndPinWithHashCode} does. */
     public native long updateAndGetNewAndPinWithShortBB(
             long map, short key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /** Same as {@link #updateAndGetNewAndPinWithHashCodeBABA}, under a number key. */
+    /** Updates the entry of an equal number of any width, as {@link #updateAndGetNewAndPinWithHashCodeBABA} does. */
     public native long updateAndGetNewAndPinWithInt(
             long map,
             int key,
@@ -504,11 +569,11 @@ public class LuOffHeapMapImpl {
             short revisionOwner,
             long revisionNumber);
 
-    /** Same as {@link #updateAndGetNewAndPinWithHashCode}, under a number key. */
+    /** Updates the entry of an equal number of any width, as {@link #updateAndGetNewAndPinWithHashCode} does. */
     public native long updateAndGetNewAndPinWithIntBB(
             long map, int key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /** Same as {@link #updateAndGetNewAndPinWithHashCodeBABA}, under a number key. */
+    /** Updates the entry of an equal number of any width, as {@link #updateAndGetNewAndPinWithHashCodeBABA} does. */
     public native long updateAndGetNewAndPinWithLong(
             long map,
             long key,
@@ -519,11 +584,11 @@ public class LuOffHeapMapImpl {
             short revisionOwner,
             long revisionNumber);
 
-    /** Same as {@link #updateAndGetNewAndPinWithHashCode}, under a number key. */
+    /** Updates the entry of an equal number of any width, as {@link #updateAndGetNewAndPinWithHashCode} does. */
     public native long updateAndGetNewAndPinWithLongBB(
             long map, long key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /** Same as {@link #updateAndGetNewAndPinWithHashCodeBABA}, under a number key. */
+    /** Updates the entry of an equal number of any width, as {@link #updateAndGetNewAndPinWithHashCodeBABA} does. */
     public native long updateAndGetNewAndPinWithFloat(
             long map,
             float key,
@@ -534,11 +599,11 @@ public class LuOffHeapMapImpl {
             short revisionOwner,
             long revisionNumber);
 
-    /** Same as {@link #updateAndGetNewAndPinWithHashCode}, under a number key. */
+    /** Updates the entry of an equal number of any width, as {@link #updateAndGetNewAndPinWithHashCode} does. */
     public native long updateAndGetNewAndPinWithFloatBB(
             long map, float key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /** Same as {@link #updateAndGetNewAndPinWithHashCodeBABA}, under a number key. */
+    /** Updates the entry of an equal number of any width, as {@link #updateAndGetNewAndPinWithHashCodeBABA} does. */
     public native long updateAndGetNewAndPinWithDouble(
             long map,
             double key,
@@ -549,11 +614,11 @@ public class LuOffHeapMapImpl {
             short revisionOwner,
             long revisionNumber);
 
-    /** Same as {@link #updateAndGetNewAndPinWithHashCode}, under a number key. */
+    /** Updates the entry of an equal number of any width, as {@link #updateAndGetNewAndPinWithHashCode} does. */
     public native long updateAndGetNewAndPinWithDoubleBB(
             long map, double key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
-    /** Same as {@link #updateAndGetNewAndPinWithHashCodeBABA}, under a boolean key. */
+    /** Finds nothing, since boolean keys are not searched, and returns 0; memory may be refused before that. */
     public native long updateAndGetNewAndPinWithBoolean(
             long map,
             boolean key,
@@ -564,7 +629,7 @@ public class LuOffHeapMapImpl {
             short revisionOwner,
             long revisionNumber);
 
-    /** Same as {@link #updateAndGetNewAndPinWithHashCode}, under a boolean key. */
+    /** Finds nothing, since boolean keys are not searched, and returns 0; memory may be refused before that. */
     public native long updateAndGetNewAndPinWithBooleanBB(
             long map, boolean key, int hashCode, ByteBuffer value, short revisionOwner, long revisionNumber);
 
@@ -572,12 +637,13 @@ public class LuOffHeapMapImpl {
      * Finds the entry under a byte array.
      *
      * @param map handle
-     * @param attributes four elements, filled when found: key address, key length, value address, value length
+     * @param attributes four elements, left alone when nothing is found: address of the key's data, its length in
+     *     bytes, address of the value's data, its length in bytes; the last two are 0 while the value is on disk
      * @param hashCode hash code of the key
      * @param unused ignored
-     * @param touch whether to move the entry in its revision queue
-     * @param revisionNumber new place of the entry when it is touched
-     * @return the entry, pinned for the caller, or 0; its value block is not pinned
+     * @param touch whether to move the entry in its revision queue, under the map's write lock
+     * @param revisionNumber new revision of a touched entry; -1 keeps its revision and moves it behind its equals
+     * @return the entry, with a pin of reason 1024 for the caller, or 0; its value block is not pinned
      */
     public native long getLuValue_ByteArray(
             long map, long[] attributes, byte[] key, int hashCode, long unused, boolean touch, long revisionNumber);
@@ -586,13 +652,14 @@ public class LuOffHeapMapImpl {
      * Finds the entry under a string.
      *
      * @param map handle
-     * @param attributes four elements, filled when found: key address, key length, value address, value length
+     * @param attributes four elements, left alone when nothing is found: address of the key's data, its length in
+     *     bytes, address of the value's data, its length in bytes; the last two are 0 while the value is on disk
      * @param unused ignored
      * @param hashCode hash code of the key
      * @param unused2 ignored
-     * @param touch whether to move the entry in its revision queue
-     * @param revisionNumber new place of the entry when it is touched
-     * @return the entry, pinned for the caller, or 0; its value block is not pinned
+     * @param touch whether to move the entry in its revision queue, under the map's write lock
+     * @param revisionNumber new revision of a touched entry; -1 keeps its revision and moves it behind its equals
+     * @return the entry, with a pin of reason 16777216 for the caller, or 0; its value block is not pinned
      */
     public native long getLuValue_String(
             long map,
@@ -610,9 +677,9 @@ public class LuOffHeapMapImpl {
      * @param map handle
      * @param hashCode hash code of the key
      * @param unused ignored
-     * @param touch whether to move the entry in its revision queue
-     * @param revisionNumber new place of the entry when it is touched
-     * @return the entry, pinned for the caller, or 0; its value block is not pinned
+     * @param touch whether to move the entry in its revision queue, under the map's write lock
+     * @param revisionNumber new revision of a touched entry; -1 keeps its revision and moves it behind its equals
+     * @return the entry, with a pin of reason 16777216 for the caller, or 0; its value block is not pinned
      */
     public native long getLuValue_Number(
             long map, int hashCode, int unused, boolean touch, long revisionNumber, double key);
@@ -624,23 +691,23 @@ public class LuOffHeapMapImpl {
      * @param key buffer of this library
      * @param hashCode hash code of the key; -1 to have it computed
      * @param unused ignored
-     * @param touch whether to move the entry in its revision queue
-     * @param revisionNumber new place of the entry when it is touched
-     * @return the entry, pinned for the caller, or 0; its value block is not pinned
+     * @param touch whether to move the entry in its revision queue, under the map's write lock
+     * @param revisionNumber new revision of a touched entry; -1 keeps its revision and moves it behind its equals
+     * @return the entry, with a pin of reason 16777216 for the caller, or 0; its value block is not pinned
      */
     public native long getLuValue_ByteBuffer(
             long map, ByteBuffer key, int hashCode, int unused, boolean touch, long revisionNumber);
 
     /**
-     * Tells whether a key buffer is present.
+     * Tells whether a key buffer is present, hashed natively over its bytes. Leaves no pin.
      *
      * @param map handle
-     * @param key buffer of this library
+     * @param key buffer of this library; its position and limit mean nothing
      */
     public native boolean containsKey(long map, ByteBuffer key);
 
     /**
-     * Tells whether a key buffer is present.
+     * Tells whether a key buffer is present. Leaves no pin.
      *
      * @param map handle
      * @param key buffer of this library
@@ -649,7 +716,7 @@ public class LuOffHeapMapImpl {
     public native boolean containsKeyWithHashCode(long map, ByteBuffer key, int hashCode);
 
     /**
-     * Tells whether a byte array is present.
+     * Tells whether a byte array is present, among keys of every type. Leaves no pin.
      *
      * @param map handle
      * @param hashCode hash code of the key
@@ -657,7 +724,7 @@ public class LuOffHeapMapImpl {
     public native boolean containsKeyWithHashCodeBA(long map, byte[] key, int hashCode);
 
     /**
-     * Tells whether a string is present.
+     * Tells whether a string is present, among string keys. Leaves no pin.
      *
      * @param map handle
      * @param hashCode hash code of the key
@@ -665,7 +732,7 @@ public class LuOffHeapMapImpl {
     public native boolean containsKeyWithHashCodeString(long map, String key, int hashCode);
 
     /**
-     * Tells whether a number is present.
+     * Tells whether a number is present, among number keys of every width. Leaves no pin.
      *
      * @param map handle
      * @param hashCode hash code of the key
@@ -687,24 +754,31 @@ public class LuOffHeapMapImpl {
     public native long getCurrentBytesUsed(long map);
 
     /**
-     * Takes the map's write lock and then every revision queue's mutex, in ascending order of owners.
+     * Takes the map's write lock and then every revision queue's mutex, in ascending order of owners. Until {@link
+     * #unlockMapAndQueues}, inserts, updates, touching lookups, queries, locked walks and clears of other threads wait,
+     * and removals wait with their entry already out of the table; other lookups go on. The locks are not reentrant:
+     * the owner makes none of the waiting calls itself. A queue whose mutex fails after another's was taken leaves the
+     * call without an end and the map locked.
      *
      * @param map handle
-     * @return 0 when everything is held, otherwise 1
+     * @return 0 when everything is held; 1 for handle 0 or when the map lock failed, and then nothing is held
      */
     public native int lockMapAndQueues(long map);
 
     /**
-     * Lets go what {@link #lockMapAndQueues} took, on the same thread.
+     * Lets go what {@link #lockMapAndQueues} took, on the thread that took it.
      *
      * @param map handle
-     * @return 0 on success
+     * @return 0 on success, otherwise the error of the map lock
      */
     public native int unlockMapAndQueues(long map);
 
     /**
-     * Decodes big-endian UTF-16 units from the start of a buffer's data area. Nothing is checked.
+     * Decodes big-endian UTF-16 units from the start of a buffer's data area, as string keys are stored. Nothing is
+     * checked: the buffer must hold twice {@code count} bytes and the target {@code count} characters. No pin and no
+     * lock is taken.
      *
+     * @param source direct buffer; its position and limit mean nothing
      * @param unused1 ignored: decoding starts at the first byte
      * @param unused2 ignored
      * @param unused3 ignored
@@ -713,8 +787,8 @@ public class LuOffHeapMapImpl {
     public native void getChars(ByteBuffer source, int unused1, int unused2, int unused3, char[] target, int count);
 
     /**
-     * Writes a string's UTF-16 units, high byte first. Nothing is checked: the target must hold twice {@code count}
-     * bytes.
+     * Writes a string's UTF-16 units, high byte first, from the target's first byte on: the form in which string keys
+     * are stored. Nothing is checked: the source must have {@code count} characters and the target twice as many bytes.
      *
      * @param count number of characters
      * @param unused ignored
@@ -722,54 +796,79 @@ public class LuOffHeapMapImpl {
     public native void getFullCharBytesFromString(String source, int count, byte[] target, int unused);
 
     /**
-     * Collects every entry whose revision lies above its owner's start and at or below its owner's end. Each entry, its
-     * key and its value gain a pin that the caller drops. The result buffer is not checked: it must have room for one
-     * word and nine words for each entry that can qualify.
+     * Collects every entry whose revision lies above its owner's start and at or below its owner's end, owners in
+     * ascending order and each owner's entries in order of revision, equal ones in order of arrival. An owner is left
+     * out when its start is not below its end, when its end is below 1, or when the arrays have no element for it.
      *
-     * @param map handle
-     * @param result direct buffer; receives the number of entries and nine words for each, in native byte order
-     * @param bookmarkIndex names the querying client, whose next query resumes where this one ended
-     * @param startRevisions one exclusive lower bound for each owner
-     * @param endRevisions one inclusive upper bound for each owner
+     * <p>Word 0 of the result is the number of entries, each of which has nine words: address of the entry; address of
+     * the key's data, its length in bytes; address of the value's data and its length, or 0 and 0 while the value is on
+     * disk; owner; revision; type tag of the key; type tag of the value, or 0. The result buffer is not checked: it must
+     * have room for 8 bytes and 72 more for each entry that can qualify.
+     *
+     * <p>Each reported entry is pinned with 2048, its key and its value with 8192, all for the caller: drop the value's
+     * and the key's with {@link com.velt.rz.corvane.io.offheap.OffHeapManager#unpin_native} on the data address less 24,
+     * then the entry's with {@link com.velt.rz.corvane.io.offheap.OffHeapManager#unpinLuOffHeapValue_native}. What was
+     * reported stays readable meanwhile, even when the entry is updated or removed.
+     *
+     * <p>The map's write lock is held for a moment, then its read lock, and one queue at a time while it is walked. A
+     * client that asks from where its last query ended walks only what lies behind; otherwise the walk begins at the
+     * queue's oldest entry. A bookmark never hides an entry. It holds no pin and takes 8 bytes for each index up to it
+     * in every queue, which is granted even when the memory is used up and returns with the map.
+     *
+     * <p>A failed lock ends the query: word 0 is then 0 and the pins already taken stay.
+     *
+     * @param map handle; 0 reports nothing
+     * @param result direct buffer for words in native byte order
+     * @param bookmarkIndex names the querying client; keep these numbers small. A negative one has no bookmark
+     * @param startRevisions exclusive lower bounds, one for each owner from 0 on; without elements nothing is reported
+     * @param endRevisions inclusive upper bounds, at least as many
      * @return 0
      */
     public native long queryRevisionAndPinWithBounds(
             long map, ByteBuffer result, int bookmarkIndex, long[] startRevisions, long[] endRevisions);
 
     /**
-     * Returns the first entry of the first revision queue that is not empty.
+     * Returns the first entry of the first revision queue that is not empty. Constant for each owner passed.
      *
      * @param map handle
-     * @param reason names the holder of the pin in traces; has no other effect
-     * @param lock whether the native takes the locks itself
-     * @return the entry, pinned for the caller, or 0 at the end
+     * @param reason the caller's reason for its pin on the entry
+     * @param lock whether the map's read lock, and each queue's mutex in turn, is taken to read; without it, and beside
+     *     removals in any case, the caller keeps the entries from being freed
+     * @return the entry, pinned for the caller, or 0 when every queue is empty or a lock failed
      */
     public native long getAndPinFirstInQueue(long map, int reason, boolean lock);
 
     /**
-     * Returns the entry after the given one in its owner's queue, or the first of the next queue that is not empty.
+     * Returns the entry after the given one in its owner's queue, or the first of the next queue that is not empty. The
+     * given entry keeps its pin, which the caller drops.
      *
      * @param map handle
-     * @param value an entry that the caller has pinned
-     * @param reason names the holder of the pin in traces; has no other effect
-     * @param lock whether the native takes the locks itself
+     * @param value an entry that the caller has pinned and that is still in its queue, or 0 to begin; an entry removed
+     *     meanwhile may lead to freed memory
+     * @param reason the caller's reason for its pin on the next entry
+     * @param lock as for {@link #getAndPinFirstInQueue}
      * @return the entry, pinned for the caller, or 0 at the end
      */
     public native long getAndPinNextInQueue(long map, long value, int reason, boolean lock);
 
     /**
-     * Walks like {@link #getAndPinNextInQueue}, without locks, and pins the key as well.
+     * Walks like {@link #getAndPinNextInQueue} without locks, and pins the key as well. The caller keeps structural
+     * changes away.
      *
      * @param map handle
-     * @param value an entry that the caller has pinned, or 0 to begin
-     * @param attributes receives key address, key length, revision owner, revision number, key type, key header address
-     * @param reason names the holder of both pins in traces; has no other effect
-     * @return the entry, pinned for the caller; -1 when it has no key; 0 at the end
+     * @param value an entry that the caller has pinned and that is still in its queue, or 0 to begin
+     * @param attributes six elements, left alone at the end: address of the key's data, its length in bytes, revision
+     *     owner, revision, type tag of the key, address of the key's header
+     * @param reason the caller's reason for its pins; that on the key is dropped with {@link
+     *     com.velt.rz.corvane.io.offheap.OffHeapManager#unpin_native} on the sixth element
+     * @return the entry, pinned for the caller; -1 when it has no key, and then it stays pinned; 0 at the end
      */
     public native long getAndPinNextKeyWithAttributes(long map, long value, long[] attributes, int reason);
 
     /**
-     * Removes every entry. The pins that callers hold keep their entries alive.
+     * Removes every entry, from the table first and then from the queues, and forgets every bookmark. The map's pins are
+     * dropped; those that callers hold keep their entries alive. Not to be run beside writers or touching lookups of
+     * the same map.
      *
      * @param map handle
      * @return false when a lock failed

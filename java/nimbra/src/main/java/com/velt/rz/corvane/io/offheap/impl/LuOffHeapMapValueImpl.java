@@ -3,8 +3,9 @@ package com.velt.rz.corvane.io.offheap.impl;
 import com.velt.rz.corvane.io.offheap.util.NativeLoader;
 
 /**
- * Reads the native record of a map entry. The caller holds a pin on the entry during every call; no native takes a lock
- * and none checks the address beyond what it says.
+ * Reads the native record of a map entry or of an update's snapshot. The caller holds a pin on it during every call, and
+ * no native adds one. None takes a lock, except {@link #getSize} while disk overflow is on, and none checks the address
+ * beyond what it says. Every native is constant in cost and raises nothing.
  */
 public class LuOffHeapMapValueImpl {
     static {
@@ -65,7 +66,7 @@ public class LuOffHeapMapValueImpl {
     public native int getKeyInfo(long value, long[] out);
 
     /**
-     * Returns the type tag of the key.
+     * Returns the type tag of the key, 0 to 255.
      *
      * @param value address of an entry that the caller has pinned
      */
@@ -92,14 +93,15 @@ public class LuOffHeapMapValueImpl {
     public static native int staticGetValueInfo(long value, long[] out);
 
     /**
-     * Returns the type tag of the value, or -1 for address 0. The value must be in memory.
+     * Returns the type tag of the value, 0 to 255, or -1 for address 0. The value must be in memory.
      *
      * @param value address of an entry that the caller has pinned, or 0
      */
     public native int getValueType(long value);
 
     /**
-     * Sets the dirty flag, without a lock.
+     * Sets the dirty flag, which every entry is born with. The flag word is changed without a lock or an atomic: the
+     * caller keeps other changes of the same entry away.
      *
      * @param value address of an entry that the caller has pinned
      * @return whether it was set before
@@ -107,7 +109,7 @@ public class LuOffHeapMapValueImpl {
     public native boolean markClientDirty(long value);
 
     /**
-     * Clears the dirty flag, without a lock.
+     * Clears the dirty flag, under the same condition as {@link #markClientDirty}.
      *
      * @param value address of an entry that the caller has pinned
      * @return whether it was set before
@@ -122,7 +124,8 @@ public class LuOffHeapMapValueImpl {
     public native boolean isClientDirty(long value);
 
     /**
-     * Returns the bytes of the entry: record, key and value blocks, a value on disk included.
+     * Returns the bytes of the entry as allocated: record, key and value blocks, headers and rounding included. A value
+     * on disk counts with the length that it had.
      *
      * @param value address of an entry that the caller has pinned
      */

@@ -231,7 +231,7 @@ class ContractStressTest extends MapTestBase {
         private void toleratingTheClear(Runnable operation) {
             try {
                 operation.run();
-            } catch (RuntimeException e) {
+            } catch (IllegalStateException e) {
                 assertTrue(e.getMessage().contains("not found in queue"), e::toString);
             }
         }

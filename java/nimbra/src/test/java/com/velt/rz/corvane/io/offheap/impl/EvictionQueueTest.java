@@ -256,7 +256,7 @@ class EvictionQueueTest extends EvictionTestBase {
     void aRecordInNoQueueCannotBeRemoved() {
         long[] r = newRecords(2);
         LRU.insertLRU(queue, r[0]);
-        Throwable refused = assertThrows(RuntimeException.class, () -> LRU.remove(queue, r[1]));
+        Throwable refused = assertThrows(IllegalStateException.class, () -> LRU.remove(queue, r[1]));
         assertTrue(refused.getMessage().matches(".*Node=0x[0-9a-f]+ not found in queue\\."), refused::getMessage);
         assertEquals(1, LRU.getQueueCount(queue));
         assertEquals(1, pins(r[1]));
@@ -267,7 +267,7 @@ class EvictionQueueTest extends EvictionTestBase {
     @Test
     void aFailedMoveToTheEndKeepsOnePin() {
         long record = newRecord(1);
-        assertThrows(RuntimeException.class, () -> LRU.updateLRU(queue, record));
+        assertThrows(IllegalStateException.class, () -> LRU.updateLRU(queue, record));
         assertEquals(2, pins(record), "the pin of the move stays");
         MANAGER.unpinLuEvictionData_native(record, 16_777_216);
         release(record);
@@ -277,8 +277,8 @@ class EvictionQueueTest extends EvictionTestBase {
     @Test
     void anOrderedMoveInsertsWhatWasNotThere() {
         long[] r = newRecords(2);
-        assertThrows(RuntimeException.class, () -> TTL.updateTTL(queue, r[0], 5));
-        assertThrows(RuntimeException.class, () -> LFU.updateLFU(queue, r[1]));
+        assertThrows(IllegalStateException.class, () -> TTL.updateTTL(queue, r[0], 5));
+        assertThrows(IllegalStateException.class, () -> LFU.updateLFU(queue, r[1]));
         assertEquals(2, LRU.getQueueCount(queue));
         assertEquals(List.of(r[1], r[0]), all(queue));
         leaveToQueue(r);
