@@ -1,9 +1,7 @@
 package com.velt.rz.corvane.nimbra;
 
 import com.velt.rz.corvane.io.offheap.impl.LuOffHeapEvictionQueue;
-import com.velt.rz.corvane.io.offheap.impl.LuOffHeapMapImpl;
 import com.velt.rz.corvane.io.offheap.overflow.NotEnoughResourcesException;
-import com.velt.rz.corvane.io.offheap.util.PhantomWindows;
 import java.lang.System.Logger;
 import java.lang.System.Logger.Level;
 import java.util.Arrays;
@@ -13,6 +11,7 @@ import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.concurrent.atomic.AtomicInteger;
 import java.util.concurrent.atomic.AtomicLong;
 import java.util.concurrent.atomic.LongAdder;
+import java.util.concurrent.locks.LockSupport;
 import java.util.function.LongSupplier;
 
 /**
@@ -39,8 +38,8 @@ final class BoundedPartitions {
     /** A write looks after another partition one time in this many. A power of two. */
     private static final int VISIT_OTHERS = 8;
 
-    /** Rounds without success after which a map whose entries are all on their way in or out counts as empty. */
-    private static final int FRUITLESS_ROUNDS = 10_000;
+    /** Attempts, some ten seconds of them, after which entries on their way in or out count as stuck there. */
+    private static final int FRUITLESS_ATTEMPTS = 100_000;
 
     private static final Logger LOGGER = System.getLogger("com.velt.rz.corvane.nimbra");
     private static final LuOffHeapEvictionQueue QUEUES = new LuOffHeapEvictionQueue();
@@ -79,6 +78,9 @@ final class BoundedPartitions {
     private volatile long lastMaintenance;
 
     private volatile boolean closing;
+
+    /** Whether a refusal of the executor was logged. Racy: at worst it is logged twice. */
+    private volatile boolean executorRefused;
 
     private final LongAdder hits = new LongAdder();
     private final LongAdder misses = new LongAdder();
@@ -149,7 +151,18 @@ final class BoundedPartitions {
         }
         try {
             int stored = BoundedNatives.put(
-                    handles[0], unlimited, 0, BoundedNatives.NO_POLICY, 0, empty, 0, empty, 0, 0, 0, BoundedNatives.PUT);
+                    handles[0],
+                    unlimited,
+                    0,
+                    BoundedNatives.NO_POLICY,
+                    0,
+                    empty,
+                    0,
+                    empty,
+                    0,
+                    0,
+                    0,
+                    BoundedNatives.PUT);
             if (stored != 1) {
                 throw OffHeapMemoryException.refused(what, null);
             }
@@ -212,11 +225,11 @@ final class BoundedPartitions {
                 gates.exit(partition);
             }
             if (outcome >= 0) {
-                if (outcome == 1 || mode == BoundedNatives.PUT) {
+                if (outcome == 1 || wantedMode == BoundedNatives.PUT) {
                     puts.increment();
                 }
                 maintainSoon(crowded, now);
-                return outcome;
+                return wantedMode == mode ? outcome : 1;
             }
             if (outcome != BoundedNatives.NO_ROOM) {
                 checkFitsProcess(key, value, operation, refusal);
@@ -229,11 +242,33 @@ final class BoundedPartitions {
                 }
                 step = Math.min(2 * step, STEP);
                 fruitless = 0;
-            } else if (policy == BoundedNatives.NO_POLICY || entries(operation) == 0 || ++fruitless == FRUITLESS_ROUNDS) {
-                throw refusal != null ? refusal : exhausted(outcome, operation, key, value);
+            } else if (mayComeYet(fruitless++, outcome, operation)) {
+                pause(fruitless);
             } else {
-                Thread.yield();
+                throw refusal != null ? refusal : exhausted(outcome, operation, key, value);
             }
+        }
+    }
+
+    /**
+     * Whether another attempt may find room although there was nothing to evict. An entry on its way in is counted
+     * before it can be evicted, and the room of one on its way out may be free by now: the limits are worth a wait, since
+     * the entry fits within them. Memory that was refused with no entry left will not come from here, but the entries may
+     * have gone only after the refusal: one more attempt tells.
+     */
+    private boolean mayComeYet(int fruitless, int outcome, String operation) {
+        if (policy == BoundedNatives.NO_POLICY || fruitless == FRUITLESS_ATTEMPTS) {
+            return false;
+        }
+        return outcome == BoundedNatives.NO_ROOM || fruitless == 0 || entries(operation) > 0;
+    }
+
+    /** Lets the threads go on whose entries are on their way. */
+    private static void pause(int fruitless) {
+        if (fruitless < 100) {
+            Thread.yield();
+        } else {
+            LockSupport.parkNanos(100_000);
         }
     }
 
@@ -264,8 +299,7 @@ final class BoundedPartitions {
         if (outcome != BoundedNatives.NO_ROOM) {
             return OffHeapMemoryException.refused(what, null);
         }
-        return new OffHeapMemoryException(
-                what + ": no room within the map's limits, and nothing left to evict", null);
+        return new OffHeapMemoryException(what + ": no room within the map's limits, and nothing left to evict", null);
     }
 
     /** The bytes that the bound counts for an entry. */
@@ -436,13 +470,7 @@ final class BoundedPartitions {
     // ---- Evicting ----------------------------------------------------------------------------
 
     private int evict(
-            int partition,
-            int count,
-            EvictionCause cause,
-            long now,
-            String operation,
-            byte[] watched,
-            boolean[] seen) {
+            int partition, int count, EvictionCause cause, long now, String operation, byte[] watched, boolean[] seen) {
         long[] out = EVICTED.get();
         int evicted;
         gates.enter(partition, operation);
@@ -522,13 +550,16 @@ final class BoundedPartitions {
             } catch (RuntimeException e) {
                 // Callers go on making room themselves.
                 maintenanceScheduled.set(false);
-                LOGGER.log(Level.WARNING, "map \"" + mapName + "\": the executor takes no task", e);
+                if (!executorRefused) {
+                    executorRefused = true;
+                    LOGGER.log(Level.WARNING, "map \"" + mapName + "\": the executor takes no task", e);
+                }
             }
         }
     }
 
     private void maintain() {
-        maintenanceScheduled.set(false);
+        int step = (int) Math.max(1, Math.min(STEP, maximumEntries / 128));
         try {
             long now = now();
             for (int partition = 0; partition < handles.length; partition++) {
@@ -536,13 +567,15 @@ final class BoundedPartitions {
             }
             int idle = 0;
             while (idle < handles.length && littleRoom()) {
-                boolean evicted = evict(nextPartition(), STEP, EvictionCause.SIZE, now, "eviction", null, null) > 0;
+                boolean evicted = evict(nextPartition(), step, EvictionCause.SIZE, now, "eviction", null, null) > 0;
                 idle = evicted ? 0 : idle + 1;
             }
         } catch (IllegalStateException e) {
             if (!closing) {
                 LOGGER.log(Level.ERROR, "map \"" + mapName + "\": eviction failed", e);
             }
+        } finally {
+            maintenanceScheduled.set(false);
         }
     }
 

@@ -65,8 +65,8 @@ final class ChangeReaders {
     private synchronized int acquire(String reader) {
         Integer known = reader == null ? null : named.get(reader);
         if (known != null && reading.get(known)) {
-            throw new IllegalStateException(
-                    "map \"" + mapName + "\": reader \"" + reader + "\" is reading already, in an iterator not closed yet");
+            throw new IllegalStateException("map \"" + mapName + "\": reader \"" + reader
+                    + "\" is reading already, in an iterator not closed yet");
         }
         int number = known != null ? known : assigned.nextClearBit(0);
         if (number >= MAXIMUM) {

@@ -172,11 +172,12 @@ public final class Codecs {
         public byte[] encode(String text) {
             for (int at = 0; at < text.length(); at++) {
                 if (Character.isSurrogate(text.charAt(at))) {
-                    boolean pair = at + 1 < text.length()
-                            && Character.isSurrogatePair(text.charAt(at), text.charAt(at + 1));
+                    boolean pair =
+                            at + 1 < text.length() && Character.isSurrogatePair(text.charAt(at), text.charAt(at + 1));
                     if (!pair) {
-                        throw new IllegalArgumentException("the string \"" + shown(text) + "\" has half of a surrogate"
-                                + " pair at index " + at + ": \\u" + HexFormat.of().toHexDigits(text.charAt(at)));
+                        throw new IllegalArgumentException(
+                                "the string \"" + shown(text) + "\" has half of a surrogate" + " pair at index " + at
+                                        + ": \\u" + HexFormat.of().toHexDigits(text.charAt(at)));
                     }
                     at++;
                 }

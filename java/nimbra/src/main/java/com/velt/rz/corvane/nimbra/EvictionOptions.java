@@ -44,8 +44,8 @@ final class EvictionOptions {
     /** @throws IllegalStateException when the options do not go together */
     void check() {
         if (afterWrite != 0 && afterAccess != 0) {
-            throw new IllegalStateException("expireAfterWrite and expireAfterAccess exclude each other: an entry has one"
-                    + " deadline");
+            throw new IllegalStateException(
+                    "expireAfterWrite and expireAfterAccess exclude each other: an entry has one" + " deadline");
         }
         if (!limited() && !expiring()) {
             if (listener != null) {

@@ -11,8 +11,7 @@ package com.velt.rz.corvane.nimbra;
  * @param sizeEvictions entries that made room for others
  * @param expirations entries collected because their time was over
  */
-public record MapStatistics(
-        long hits, long misses, long puts, long removals, long sizeEvictions, long expirations) {
+public record MapStatistics(long hits, long misses, long puts, long removals, long sizeEvictions, long expirations) {
 
     /** Returns the entries that the map gave up for this cause. */
     public long evictions(EvictionCause cause) {

@@ -72,7 +72,6 @@ public final class OffHeapMap implements AutoCloseable {
 
     private final ChangeReaders readers;
 
-
     /** Serialises {@link #clear} and {@link #close}. No code of a caller runs while it is held. */
     private final ReentrantLock lifecycle = new ReentrantLock();
 
@@ -585,6 +584,11 @@ public final class OffHeapMap implements AutoCloseable {
         return bounded.statistics();
     }
 
+    /** The bytes that the limits count for an entry, for maps that have any. */
+    long entryBytes(int keyLength, int valueLength) {
+        return bounded.entryBytes(keyLength, valueLength);
+    }
+
     /** The bytes and entries that the limits count at this moment, for maps that have any. */
     long[] boundFigures() {
         return new long[] {bounded.bytes("statistics"), bounded.entries("statistics")};
@@ -844,9 +848,8 @@ public final class OffHeapMap implements AutoCloseable {
                 }
                 PartitionGates gates = new PartitionGates(mapName, partitions);
                 AtomicLong revisions = new AtomicLong();
-                BoundedPartitions bounded = eviction.wanted()
-                        ? new BoundedPartitions(mapName, handles, gates, revisions, eviction)
-                        : null;
+                BoundedPartitions bounded =
+                        eviction.wanted() ? new BoundedPartitions(mapName, handles, gates, revisions, eviction) : null;
                 OffHeapMap map = new OffHeapMap(this, mapName, natives, handles, gates, revisions, bounded);
                 complete = true;
                 return map;
