@@ -311,11 +311,15 @@ public final class OffHeapMap implements AutoCloseable {
     }
 
     /**
-     * Returns the number of entries.
+     * Returns the number of entries. A map with a limit or an expiry counts those that are just being stored, too, and
+     * never shows more than its limit.
      *
      * @throws IllegalStateException when the map is closed
      */
     public long size() {
+        if (bounded != null) {
+            return bounded.entries("size");
+        }
         long entries = 0;
         for (int partition = 0; partition < handles.length; partition++) {
             long counted = size(partition);
@@ -338,11 +342,15 @@ public final class OffHeapMap implements AutoCloseable {
     }
 
     /**
-     * Returns the bytes that the entries hold: their keys, their values and their records, without the tables.
+     * Returns the bytes that the entries hold: their keys, their values and their records, without the tables. A map
+     * with a limit or an expiry counts those that are just being stored, too, and never shows more than its limit.
      *
      * @throws IllegalStateException when the map is closed
      */
     public long bytesUsed() {
+        if (bounded != null) {
+            return bounded.bytes("bytesUsed");
+        }
         long bytes = 0;
         for (int partition = 0; partition < handles.length; partition++) {
             gates.enter(partition, "bytesUsed");
@@ -587,11 +595,6 @@ public final class OffHeapMap implements AutoCloseable {
     /** The bytes that the limits count for an entry, for maps that have any. */
     long entryBytes(int keyLength, int valueLength) {
         return bounded.entryBytes(keyLength, valueLength);
-    }
-
-    /** The bytes and entries that the limits count at this moment, for maps that have any. */
-    long[] boundFigures() {
-        return new long[] {bounded.bytes("statistics"), bounded.entries("statistics")};
     }
 
     /** Clears and deletes the first {@code count} native maps; returns false when a lock failed on the way. */

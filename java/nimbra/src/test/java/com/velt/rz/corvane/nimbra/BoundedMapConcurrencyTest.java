@@ -107,7 +107,7 @@ class BoundedMapConcurrencyTest {
             Future<Long> sampler = threads.submit(() -> {
                 long samples = 0;
                 while (!done.get()) {
-                    long[] figures = map.boundFigures();
+                    long[] figures = figures(map);
                     assertTrue(figures[0] >= 0 && figures[0] <= maximumBytes, figures[0] + " bytes");
                     assertTrue(figures[1] >= 0 && figures[1] <= maximumEntries, figures[1] + " entries");
                     samples++;
@@ -140,7 +140,7 @@ class BoundedMapConcurrencyTest {
                 counted[0] += map.entryBytes(key.length, value.length);
                 counted[1]++;
             });
-            assertArrayEquals(counted, map.boundFigures());
+            assertArrayEquals(counted, figures(map));
             // Whoever is left can still be evicted: nothing has fallen out of the queues.
             for (int i = 0; i < 3_000; i++) {
                 map.put(bytes(1_000_000L + i), signed(1_000_000L + i, 100));
@@ -296,5 +296,10 @@ class BoundedMapConcurrencyTest {
                 assertEquals(null, map.get(bytes(i)));
             }
         }
+    }
+
+    /** Bytes and entries as the limits count them. */
+    private static long[] figures(OffHeapMap map) {
+        return new long[] {map.bytesUsed(), map.size()};
     }
 }

@@ -111,8 +111,8 @@ class BoundedMapOracleTest {
                     assertEquals(expectedVictims, victims);
                     expectedVictims.clear();
                     victims.clear();
-                    assertArrayEquals(new long[] {bytes, queue.size()}, map.boundFigures());
-                    assertEquals(bytes, map.bytesUsed());
+                    assertArrayEquals(new long[] {bytes, queue.size()}, figures(map));
+                    assertEquals(queue.size(), map.size(0), "entries of the table");
                 }
             }
         }
@@ -326,5 +326,10 @@ class BoundedMapOracleTest {
         }
         assertEquals(expected, changed);
         assertTrue(map.bytesUsed() >= 0);
+    }
+
+    /** Bytes and entries as the limits count them. */
+    private static long[] figures(OffHeapMap map) {
+        return new long[] {map.bytesUsed(), map.size()};
     }
 }

@@ -1,5 +1,6 @@
 package com.velt.rz.corvane.nimbra.demo;
 
+import com.velt.rz.corvane.nimbra.MapStatistics;
 import com.velt.rz.corvane.nimbra.Nimbra;
 import com.velt.rz.corvane.nimbra.NimbraStats;
 import com.velt.rz.corvane.nimbra.OffHeapMap;
@@ -16,7 +17,8 @@ import java.util.zip.Deflater;
 
 /**
  * The main job: insert everything a source has, replace a tenth with compressed bytes, remove a twentieth, read all of
- * it back in both ways, compare every byte with the source, and return the memory.
+ * it back in both ways, compare every byte with the source, and return the memory. Then the load is done again while a
+ * second reader keeps a copy by following the revisions, and once more into a map that may hold only a tenth of it.
  *
  * <p>The source is read again for the comparison, so that nothing of it stays on the heap. It is read in batches outside
  * the measured time: rates count what the map does, and for the two reading phases the comparison too. Which entries
@@ -36,11 +38,16 @@ final class Job {
 
     private final List<Phase> phases = new ArrayList<>();
     private final List<String> differences = new ArrayList<>();
+    private final List<Row> rows = new ArrayList<>();
     private long differenceCount;
     private long payload;
+    private long largestPayload;
 
     /** One line of the rates. */
     private record Phase(String name, long operations, long nanos) {}
+
+    /** One line of the figures. */
+    private record Row(String name, long value) {}
 
     /** What happens to the entry at a place of the list. */
     private enum Fate {
@@ -86,40 +93,104 @@ final class Job {
     List<String> run() {
         NimbraStats start = nimbra.stats();
         long heapBefore = heapInUse();
+        NimbraStats full;
+        long heapAfter;
+        long entries;
+        long bytes;
         try (OffHeapMap map = options.build()) {
-            List<Integer> all = places(null);
-            timed(
-                    "insert",
-                    all,
-                    (place, name) -> source.read(name),
-                    (key, value) -> map.put(key, value) ? null : "was present before it was inserted");
-            timed(
-                    "replace a tenth",
-                    places(Fate.REPLACED),
-                    this::expected,
-                    (key, value) -> map.replace(key, value) ? null : "was absent when it was to be replaced");
-            timed(
-                    "remove a twentieth",
-                    places(Fate.REMOVED),
-                    this::expected,
-                    (key, value) -> map.remove(key) ? null : "was absent when it was to be removed");
+            load(map, "insert", "replace a tenth", "remove a twentieth");
             readBack(map);
-            long expectedEntries = all.size() - places(Fate.REMOVED).size();
-            if (map.size() != expectedEntries) {
-                differ("the map has " + map.size() + " entries instead of " + expectedEntries);
+            entries = map.size();
+            long expectedEntries = names.size() - places(Fate.REMOVED).size();
+            if (entries != expectedEntries) {
+                differ("the map has " + entries + " entries instead of " + expectedEntries);
             }
-
-            NimbraStats full = nimbra.stats();
-            long heapAfter = heapInUse();
-            print(map, start, full, heapBefore, heapAfter);
-
+            bytes = map.bytesUsed();
+            full = nimbra.stats();
+            heapAfter = heapInUse();
             map.clear();
             if (map.size() != 0) {
                 differ("the map has " + map.size() + " entries after it was cleared");
             }
         }
+        follow();
+        limit(bytes);
+        print(entries, start, full, heapBefore, heapAfter);
         compareFigures(start, nimbra.stats());
         return summary();
+    }
+
+    private void load(OffHeapMap map, String insert, String replace, String remove) {
+        timed(
+                insert,
+                places(null),
+                (place, name) -> source.read(name),
+                (key, value) -> map.put(key, value) ? null : "was present before it was inserted");
+        timed(
+                replace,
+                places(Fate.REPLACED),
+                this::expected,
+                (key, value) -> map.replace(key, value) ? null : "was absent when it was to be replaced");
+        timed(
+                remove,
+                places(Fate.REMOVED),
+                this::expected,
+                (key, value) -> map.remove(key) ? null : "was absent when it was to be removed");
+    }
+
+    /** Loads everything again while a second reader follows, and compares its copy with the map, byte for byte. */
+    private void follow() {
+        try (OffHeapMap map = options.build();
+                OffHeapMap copy = OffHeapMap.builder().name("copy").build()) {
+            try (Follower follower = new Follower(map, copy)) {
+                load(map, "insert, followed", "replace, followed", "remove, followed");
+                follower.settle();
+                phases.add(new Phase("follow by revision", follower.changes(), follower.nanos()));
+                if (copy.size() != map.size()) {
+                    differ("the copy has " + copy.size() + " entries, the map " + map.size());
+                }
+                long before = differenceCount;
+                timed(
+                        "compare with the copy",
+                        places(null),
+                        (place, name) -> null,
+                        (key, value) -> follower.compare(key));
+                rows.add(new Row("follower: times it found changes", follower.rounds()));
+                rows.add(new Row("follower: entries of the copy", copy.size()));
+                rows.add(new Row("follower: entries that differ", differenceCount - before));
+            }
+        }
+    }
+
+    /**
+     * Loads everything once more into a map with a limit.
+     *
+     * @param bytes what the entries take without one
+     */
+    private void limit(long bytes) {
+        // A few entries have to fit, however small or uneven the load is.
+        long limit = Math.max(bytes / 10, 4 * largestPayload + 4_096);
+        // The options are not used again.
+        try (OffHeapMap map = options.maximumBytes(limit).build();
+                LimitedLoad load = new LimitedLoad(map, names.size())) {
+            timed("load within the limit", places(null), (place, name) -> source.read(name), load::step);
+            MapStatistics statistics = load.finish();
+            if (load.mostBytes() > limit) {
+                differ("the limit of " + limit + " bytes was passed: " + load.mostBytes() + " bytes");
+            }
+            if (statistics.hits() + statistics.misses() != load.lookups()) {
+                differ("the limited map counts " + statistics.hits() + " hits and " + statistics.misses()
+                        + " misses for " + load.lookups() + " lookups");
+            }
+            rows.add(new Row("limited: bytes without a limit", bytes));
+            rows.add(new Row("limited: limit, bytes", limit));
+            rows.add(new Row("limited: most bytes seen", load.mostBytes()));
+            rows.add(new Row("limited: times looked", load.samples()));
+            rows.add(new Row("limited: hits", statistics.hits()));
+            rows.add(new Row("limited: misses", statistics.misses()));
+            rows.add(new Row("limited: evictions", statistics.sizeEvictions()));
+            rows.add(new Row("limited: entries left", map.size()));
+        }
     }
 
     private List<Integer> places(Fate fate) {
@@ -158,7 +229,9 @@ final class Job {
             pinNanos += run(batch, places, (key, value) -> comparePinned(map, key, value));
             for (int i = 0; i < batch.keys().size(); i++) {
                 byte[] value = batch.values().get(i);
-                payload += value == null ? 0 : batch.keys().get(i).length + value.length;
+                long length = value == null ? 0 : batch.keys().get(i).length + value.length;
+                payload += length;
+                largestPayload = Math.max(largestPayload, length);
             }
             from += batch.keys().size();
             progress.step(from);
@@ -271,7 +344,7 @@ final class Job {
         return differences;
     }
 
-    private void print(OffHeapMap map, NimbraStats start, NimbraStats full, long heapBefore, long heapAfter) {
+    private void print(long entries, NimbraStats start, NimbraStats full, long heapBefore, long heapAfter) {
         long used = full.bytesInUse() - start.bytesInUse();
         out.println();
         out.printf(Locale.ROOT, "%-32s %15s %15s%n", "phase", "operations", "a second");
@@ -284,7 +357,7 @@ final class Job {
                     phase.operations() * 1e9 / Math.max(1, phase.nanos()));
         }
         out.println();
-        row("entries", map.size());
+        row("entries", entries);
         row("payload bytes (keys and values)", payload);
         row("off-heap bytes in use", full.bytesInUse());
         out.printf(
@@ -296,6 +369,9 @@ final class Job {
         row("Java heap in use after, bytes", heapAfter);
         row("live blocks", full.blocks());
         row("internal metadata bytes", full.internalMetadataBytes());
+        for (Row row : rows) {
+            row(row.name(), row.value());
+        }
         out.println();
     }
 

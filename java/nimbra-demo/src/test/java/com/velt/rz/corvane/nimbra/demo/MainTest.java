@@ -59,6 +59,14 @@ class MainTest {
                 "remove a twentieth                             3",
                 "get and compare                               60",
                 "pin and compare                               60",
+                "insert, followed                              60",
+                "replace, followed                              6",
+                "remove, followed                               3",
+                "follow by revision ",
+                "compare with the copy                         60",
+                "load within the limit                         60",
+                "follower: entries of the copy                 57",
+                "follower: entries that differ                  0",
                 "entries                                       57",
                 "off-heap bytes in use ",
                 "overhead a byte of payload ",
@@ -68,6 +76,13 @@ class MainTest {
                 "Every byte agrees with the source. ")) {
             assertTrue(table.lines().anyMatch(text -> text.startsWith(line)), line + "\nin\n" + table);
         }
+        assertTrue(number(table, "limited: limit, bytes") < number(table, "limited: bytes without a limit"), table);
+        assertTrue(number(table, "limited: most bytes seen") <= number(table, "limited: limit, bytes"), table);
+        assertTrue(number(table, "limited: times looked") > 0, table);
+        assertTrue(number(table, "limited: evictions") > 0, table);
+        assertTrue(number(table, "limited: hits") > 0, table);
+        long put = number(table, "limited: evictions") + number(table, "limited: entries left");
+        assertTrue(put >= 60 && put <= number(table, "limited: misses"), table);
         // Random bytes do not shrink, so the payload is close to what was written, less a twentieth.
         long shown = number(table, "payload bytes (keys and values)");
         assertTrue(shown > payload * 9 / 10 && shown < payload, shown + " of " + payload);
