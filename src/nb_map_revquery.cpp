@@ -101,26 +101,34 @@ bool queryRevision(JNIEnv* env, LuOffHeapMap* map, int64_t* result, int32_t book
 
 namespace {
 
-// The first value of the queues from `owner` upward.
-LuOffHeapValue* firstFrom(LuOffHeapMap* map, uint32_t owner, bool lock) {
-  for (; owner < map->numQueues; owner++) {
-    LuOffHeapRevisionOrderQueue* queue = map->revisionQueue[owner];
-    const bool locked = lock && lockQueue(queue) == 0;
-    auto* first = static_cast<LuOffHeapValue*>(queue->first);
-    if (locked) unlockQueue(queue);
-    if (first != nullptr) return first;
-  }
-  return nullptr;
+// Pins what a queue's pointer shows. With `lock`, under the queue's mutex: a removal takes the map
+// lock only to find the queue, so the mutex alone keeps the value from being freed before it is
+// pinned.
+LuOffHeapValue* pinShown(JNIEnv* env, LuOffHeapRevisionOrderQueue* queue,
+                         LuQueueEntry* const* pointer, uint32_t reason, bool lock) {
+  const bool locked = lock && lockQueue(queue) == 0;
+  auto* value = static_cast<LuOffHeapValue*>(*pointer);
+  if (value != nullptr) pin(env, static_cast<Pinnable*>(value), reason);
+  if (locked) unlockQueue(queue);
+  return value;
 }
 
-LuOffHeapValue* nextInQueues(LuOffHeapMap* map, const LuOffHeapValue* value, bool lock) {
-  if (value == nullptr) return firstFrom(map, 0, lock);
-  const uint32_t owner = value->revisionOwner;
-  LuOffHeapRevisionOrderQueue* queue = owner < map->numQueues ? map->revisionQueue[owner] : nullptr;
-  const bool locked = lock && queue != nullptr && lockQueue(queue) == 0;
-  LuOffHeapValue* next = nextValue(value);
-  if (locked) unlockQueue(queue);
-  return next != nullptr ? next : firstFrom(map, owner + 1, lock);
+LuOffHeapValue* pinNextInQueues(JNIEnv* env, LuOffHeapMap* map, const LuOffHeapValue* value,
+                                uint32_t reason, bool lock) {
+  uint32_t owner = 0;
+  if (value != nullptr) {
+    owner = value->revisionOwner;
+    if (LuOffHeapValue* next =
+            pinShown(env, map->revisionQueue[owner], &value->next, reason, lock)) {
+      return next;
+    }
+    owner++;
+  }
+  for (; owner < map->numQueues; owner++) {
+    LuOffHeapRevisionOrderQueue* queue = map->revisionQueue[owner];
+    if (LuOffHeapValue* first = pinShown(env, queue, &queue->first, reason, lock)) return first;
+  }
+  return nullptr;
 }
 
 }  // namespace
@@ -129,8 +137,7 @@ LuOffHeapValue* getAndPinNextInRevisionQueue(JNIEnv* env, LuOffHeapMap* map,
                                              const LuOffHeapValue* value, uint32_t reason,
                                              bool lock) {
   if (lock && rdlock(env, map) != 0) return nullptr;
-  LuOffHeapValue* next = nextInQueues(map, value, lock);
-  if (next != nullptr) pin(env, static_cast<Pinnable*>(next), reason);
+  LuOffHeapValue* next = pinNextInQueues(env, map, value, reason, lock);
   // A map lock that cannot be released leaves the pin; Java learns nothing of the value.
   if (lock && unlock(env, map) != 0) return nullptr;
   return next;
