@@ -342,6 +342,20 @@ const std::vector<Operation>& operations() {
         {"time queue", "0", kSilent, timing(kStaleGone, kBefore.time)},
         {"map read", "-1", kIllegalState, revising(kStaleGone, 4)},
         {"revision queue", "-1", kSilent, revising(kStaleGone, 4)}}},
+      {"EvictByUse",
+       [](BoundedTest&, Caller& c) { return joined(c.evict(1, false, 1000, 4)->keys()); },
+       "first",
+       kFirstGone,
+       0,
+       0,
+       {{"use queue", "", kSilent, kBefore},
+        // The next attempt succeeds.
+        {"set", "first", kSilent, kFirstGone},
+        {"use queue", "first", kSilent, using_(kFirstGone, kBefore.use)},
+        {"time queue", "first", kSilent, timing(kFirstGone, kBefore.time)},
+        // No further attempt beside an exception.
+        {"map read", "", kIllegalState, revising(kFirstGone, 4)},
+        {"revision queue", "here", kSilent, revising(kTwoGone, 3)}}},
       {"EvictByDeadline",
        [](BoundedTest&, Caller& c) { return joined(c.evict(2, true, 1000, 4)->keys()); },
        "stale",
@@ -588,6 +602,82 @@ TEST_F(BoundedRollback, AnEntryOutsideAQueueCanBeUsedAndRemoved) {
     EXPECT_FALSE(jni.pending().has_value());
     check();
     expectNothingLeft();
+  }
+}
+
+// A removal that could not reach the queue leaves the record behind, at the head sooner or later.
+TEST_F(BoundedRollback, ARecordWithoutAnEntryDoesNotStopEviction) {
+  for (const bool byDeadline : {false, true}) {
+    SCOPED_TRACE(byDeadline);
+    refill(kKinds[4]);
+    {
+      const FailLock guard(LockRank::queue, LockOp::lock, byDeadline ? 2 : 1);
+      EXPECT_EQ(calls->remove("first", hashed("first"), 1), 1);
+      EXPECT_TRUE(guard.fired());
+    }
+    Keys evicted;
+    for (int round = 0; round < 8; ++round) {
+      const Keys some = calls->evict(1, byDeadline, kNever - 1, 1)->keys();
+      evicted.insert(evicted.end(), some.begin(), some.end());
+    }
+    std::sort(evicted.begin(), evicted.end());
+    EXPECT_EQ(evicted, (Keys{"here", "last", "stale"}));
+    checkFigures();
+    expectNothingLeft();
+  }
+}
+
+// The answer says that something stayed, the figures are right all the same, and a second call
+// does the rest.
+TEST_F(BoundedRollback, AClearMeetsAFailure) {
+  for (int nth = 1;; ++nth) {
+    SCOPED_TRACE("acquisition " + std::to_string(nth));
+    ASSERT_LE(nth, 20);
+    refill(kKinds[4]);
+    bool fired = false;
+    bool cleared = false;
+    {
+      const FailAcquisition guard(nth);
+      cleared = calls->clear();
+      fired = guard.fired();
+    }
+    jni.clearPending();
+    checkFigures();
+    EXPECT_EQ(heldLockCount(), 0);
+    EXPECT_EQ(cleared, !fired);
+    EXPECT_TRUE(calls->clear());
+    EXPECT_EQ(boundBytes(), 0);
+    EXPECT_EQ(boundEntries(), 0);
+    check();
+    expectNothingLeft();
+    if (!fired) break;
+  }
+}
+
+// Several entries in one call, the failure behind the first ones.
+TEST_F(BoundedRollback, AnEvictionOfSeveralMeetsAFailure) {
+  for (int nth = 1;; ++nth) {
+    SCOPED_TRACE("acquisition " + std::to_string(nth));
+    refill(kKinds[4]);
+    Keys evicted;
+    std::string failure;
+    bool fired = false;
+    {
+      const FailAcquisition guard(nth);
+      const auto taken = calls->evict(3, false, 1000, 4);
+      fired = guard.fired();
+      failure = raised(jni);
+      evicted = taken->keys();
+    }
+    checkFigures();
+    // Java sees no result beside an exception: what was taken out could not be released.
+    if (!failure.empty()) {
+      EXPECT_EQ(evicted, Keys{});
+    }
+    for (const std::string& key : evicted) EXPECT_EQ(contentsOf(map).count(key), 0U);
+    expectNothingLeft();
+    if (!fired) break;
+    ASSERT_LE(nth, 40);
   }
 }
 

@@ -541,6 +541,14 @@ TEST_F(BoundedTest, EvictionIsLimitedByCountAndByRoom) {
   check();
 }
 
+TEST_F(BoundedTest, EvictionOfAsManyAsThereAre) {
+  open(kLru, true);
+  for (const char* key : {"a", "b", "c"}) put(key, "v", now);
+  EXPECT_EQ(evictKeys(INT32_MAX, false, 2), (Keys{"a", "b"}));
+  EXPECT_EQ(evictKeys(INT32_MAX, true, 2), (Keys{"c"}));
+  check();
+}
+
 TEST_F(BoundedTest, EvictionByDeadlineTakesOnlyWhatIsExpired) {
   open(kLfu, true);
   put("c", "v", 1002);
@@ -647,6 +655,37 @@ class BoundedSteps : public BoundedTest {
     open(kLru, true);
   }
 };
+
+// A value that has been stored lives until its own deadline, also when the one that it replaces
+// expires at this very moment.
+TEST_F(BoundedSteps, AReplacementIsNotLostToTheOldDeadline) {
+  put("k", "old", 2000);
+  now = 1999;
+  jint result = -1;
+  {
+    const WhenTraced collector(jni, kReplaced, [&](ScriptedJni& other) {
+      Caller(other, partition()).evict(5, true, 2000, 5);
+    });
+    result = put("k", "new", 5000);
+  }
+  check();
+  now = 2001;
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(get("k"), "new");
+}
+
+// The deadline of an entry is that of the write whose value it holds.
+TEST_F(BoundedSteps, AReplacementRightBehindAnInsertKeepsItsDeadline) {
+  {
+    const WhenTraced writer(jni, kInserted, [&](ScriptedJni& other) {
+      EXPECT_EQ(Caller(other, partition()).put("k", hashOf("k"), "second", 2, now, 9000, kPut), 0);
+    });
+    EXPECT_EQ(put("k", "first", 2000), 1);
+  }
+  check();
+  now = 2000;
+  EXPECT_EQ(get("k"), "second");
+}
 
 TEST_F(BoundedSteps, AnEntryThatGoesRightBehindItsInsertLeavesNoRecords) {
   {
