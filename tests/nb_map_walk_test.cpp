@@ -208,6 +208,29 @@ TEST_F(QueueWalk, AValueWithoutAKeyIsMinusOneAndStaysPinned) {
   EXPECT_EQ(unpinValue(bare), 0U);
 }
 
+// A removal takes no map lock before it reaches the queue: between the queue's release and the pin
+// it could free the record.
+TEST_F(QueueWalk, PinsWhileTheQueueIsHeld) {
+  LuOffHeapValue* entry = insert("a", "value");
+  for (const bool isNext : {false, true}) {
+    setLevels(kDebugLevel);
+    bool pinned = false;
+    bool held = false;
+    jni.onRecord([&](const LogRecord& record) {
+      if (record.text.find("enter pin: ") == std::string::npos) return;
+      pinned = true;
+      held = holdsLock(&queue(0)->mutex);
+    });
+    LuOffHeapValue* found = isNext ? next(nullptr, JNI_TRUE) : first(JNI_TRUE);
+    jni.onRecord(nullptr);
+    setLevels(0);
+    EXPECT_EQ(found, entry);
+    EXPECT_TRUE(pinned);
+    EXPECT_TRUE(held);
+    letGo(found);
+  }
+}
+
 // ---- The lock of a whole map -------------------------------------------------------------
 
 class MapWideLock : public WalkTest {
