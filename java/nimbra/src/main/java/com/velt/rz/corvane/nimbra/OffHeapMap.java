@@ -772,9 +772,10 @@ public final class OffHeapMap implements AutoCloseable {
         }
 
         /**
-         * Lets an entry expire so long after it was stored or its value replaced. Since all entries live equally long,
-         * the deadlines come in order, and keeping them costs the same however many there are; writers that overtake
-         * each other walk past those in between.
+         * Lets an entry expire so long after it was stored or its value replaced, or up to a 4096th earlier. Since all
+         * entries live equally long, deadlines come in order, and keeping them costs the same however many there are; a
+         * write that a later one overtakes by more than that 4096th looks for its place among all entries of the
+         * partition.
          *
          * @param duration more than zero; excludes {@link #expireAfterAccess}
          */
@@ -801,9 +802,9 @@ public final class OffHeapMap implements AutoCloseable {
         }
 
         /**
-         * Sets an executor on which the map keeps a little room below its limits, a 64th, and collects expired entries,
-         * so that its callers seldom have to. Needs a limit or an expiry. A task that the executor runs after the map was
-         * closed does nothing.
+         * Sets an executor on which the map makes room when less than a 64th of a limit is free, and collects expired
+         * entries, so that its callers seldom have to. Needs a limit or an expiry. A task that the executor runs after
+         * the map was closed does nothing.
          */
         public Builder executor(Executor executor) {
             eviction.executor = Objects.requireNonNull(executor, "executor");

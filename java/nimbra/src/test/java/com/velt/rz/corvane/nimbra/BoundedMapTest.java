@@ -239,6 +239,25 @@ class BoundedMapTest {
         }
     }
 
+    /** Deadlines are rounded, so that writers who overtake each other mostly give the same one; never to a later time. */
+    @Test
+    void deadlinesAreRoundedDown() {
+        long life = 4_096_000;
+        try (OffHeapMap map = options()
+                .ticker(ticker)
+                .expireAfterWrite(Duration.ofNanos(life))
+                .build()) {
+            for (int i = 0; i < 3_000; i += 37) {
+                put(map, "a");
+                ticker.advance(life - 1_000);
+                assertTrue(map.containsKey(bytes("a")));
+                ticker.advance(1_000);
+                assertFalse(map.containsKey(bytes("a")));
+                ticker.advance(i);
+            }
+        }
+    }
+
     @Test
     void expiresAfterAccess() {
         try (OffHeapMap map =
