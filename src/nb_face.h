@@ -88,11 +88,12 @@ inline bool lockOrRaise(JNIEnv* env, BucketSet* set, const char* function) {
 // Replaces the value of a present key. With `released`, the usable bytes of the old value are
 // stored.
 inline WriteOutcome update(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key,
-                           ByteBufferHeader* value, jlong revision, uint64_t* released = nullptr) {
+                           ByteBufferHeader* value, jlong revision, uint64_t* released = nullptr,
+                           const EntryHook* hook = nullptr) {
   WriteOutcome outcome;
   LuOffHeapValue* snapshot =
       updateAndPin(env, nullptr, map, key.object(), OBJECT_TYPE_JBYTE_ARRAY, key.buffer(),
-                   key.hash(), true, value, kOwner, revision, &outcome);
+                   key.hash(), true, value, kOwner, revision, &outcome, hook);
   if (snapshot != nullptr) {
     if (released != nullptr) *released = sizeofByteBufferHeader(snapshot->value);
     unpinLuOffHeapMapValue(env, snapshot, ALLOCATION_PIN);

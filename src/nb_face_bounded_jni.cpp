@@ -8,6 +8,8 @@
 //
 // Of a record's Java fields two are ours: `timeout` holds the key's hash, `expiration` whether the
 // record is queued. `metadata` is the access count (LFU) or the deadline (TTL).
+#include <algorithm>
+
 #include "com_velt_rz_corvane_nimbra_BoundedNatives.h"
 #include "nb_face.h"
 
@@ -116,15 +118,14 @@ void touch(JNIEnv* env, const Partition& partition, LuOffHeapValue* value, jlong
 
 void detachFrom(JNIEnv* env, LuOffHeapEvictionDataQueue* queue, LuOffHeapEvictionData* record) {
   if (record == nullptr || record->expiration != kQueued) return;
-  removeFromEvictionQueue(env, queue, record);
-  record->expiration = kIdle;
+  if (removeFromEvictionQueue(env, queue, record) >= 0) record->expiration = kIdle;
 }
 
 // The records that a new entry will carry, with their ALLOCATION_PINs for this scope.
 class NewRecords {
  public:
   NewRecords(JNIEnv* env, const Partition& partition, ByteBufferHeader* key, jint hash)
-      : env_(env) {
+      : env_(env), partition_(partition) {
     if (partition.policy != kNone) used_ = make(key, hash);
     if (partition.ttl != nullptr) timed_ = make(key, hash);
     ok = (used_ != nullptr || partition.policy == kNone) &&
@@ -138,21 +139,27 @@ class NewRecords {
   NewRecords(const NewRecords&) = delete;
   NewRecords& operator=(const NewRecords&) = delete;
 
-  // REQUIRES: the bucket set of `value`, which stands in the table.
-  void attachTo(LuOffHeapValue* value, const Partition& partition, jlong deadline) {
+  // REQUIRES: the bucket set of `value`, which has just been linked into the table.
+  void attachTo(LuOffHeapValue* value, jlong deadline) {
     if (used_ != nullptr) {
       setEvictionDataToLuOffHeapValue(env_, value, used_, false);
-      const int32_t count = partition.policy == kLru
-                                ? insertLRUEvictionQueue(env_, partition.queue, used_)
-                                : insertLFUEvictionQueueAndPin(env_, partition.queue, used_);
+      const int32_t count = partition_.policy == kLru
+                                ? insertLRUEvictionQueue(env_, partition_.queue, used_)
+                                : insertLFUEvictionQueueAndPin(env_, partition_.queue, used_);
       if (count > 0) used_->expiration = kQueued;
     }
-    if (timed_ != nullptr && lockQueue(partition.ttl) == 0) {
+    if (timed_ != nullptr && lockQueue(partition_.ttl) == 0) {
       setEvictionDataToLuOffHeapValue(env_, value, timed_, true);
-      enterTtl(env_, partition.ttl, timed_, deadline);
+      enterTtl(env_, partition_.ttl, timed_, deadline);
       timed_->expiration = kQueued;
-      unlockQueue(partition.ttl);
+      unlockQueue(partition_.ttl);
     }
+  }
+
+  // REQUIRES: the bucket set of an entry that was taken out of the table again.
+  void detach() {
+    detachFrom(env_, partition_.queue, used_);
+    detachFrom(env_, partition_.ttl, timed_);
   }
 
   bool ok = false;
@@ -167,6 +174,7 @@ class NewRecords {
   }
 
   JNIEnv* env_;
+  const Partition& partition_;
   LuOffHeapEvictionData* used_ = nullptr;
   LuOffHeapEvictionData* timed_ = nullptr;
 };
@@ -224,20 +232,24 @@ struct Write {
   jlong deadline;
 
   // done, none (the key vanished), failed; *room is false when the bound has none.
-  WriteOutcome replace(bool* room) const {
+  WriteOutcome replace(bool* room) {
     const auto bytes = static_cast<int64_t>(sizeofByteBufferHeader(value));
     *room = reserve(bound, bytes, 0);
     if (!*room) return WriteOutcome::failed;
     uint64_t old = 0;
-    const WriteOutcome outcome = update(env, partition.map, key, value, revision, &old);
+    // In the same hold as the swap: the new value never stands there with the old deadline.
+    const EntryHook hook = {[](void* self, JNIEnv* hookEnv, LuOffHeapValue* entry) {
+                              const auto* write = static_cast<Write*>(self);
+                              touch(hookEnv, write->partition, entry, write->deadline);
+                            },
+                            this};
+    const WriteOutcome outcome = update(env, partition.map, key, value, revision, &old, &hook);
     release(bound, outcome == WriteOutcome::done ? static_cast<int64_t>(old) : bytes, 0);
-    if (outcome == WriteOutcome::done)
-      afterwards([&](LuOffHeapValue* entry) { touch(env, partition, entry, deadline); });
     return outcome;
   }
 
   // done, none (the key has come), failed; *room as above.
-  WriteOutcome insert(jbyteArray keyArray, bool* room) const {
+  WriteOutcome insert(jbyteArray keyArray, bool* room) {
     *room = true;
     const ArrayCopy keyBuffer(env, keyArray, "Key Data");
     if (keyBuffer.get() == nullptr) return WriteOutcome::failed;
@@ -249,31 +261,35 @@ struct Write {
     WriteOutcome outcome = WriteOutcome::failed;
     LuOffHeapValue* created = nullptr;
     if (records.ok) {
-      created = insertAndPin(env, nullptr, partition.map, key.object(), OBJECT_TYPE_JBYTE_ARRAY,
-                             keyBuffer.get(), key.hash(), true, value, kOwner, revision, &outcome);
+      Attachment attachment{records, deadline};
+      const EntryHook hook = {[](void* self, JNIEnv*, LuOffHeapValue* entry) {
+                                const auto* attach = static_cast<Attachment*>(self);
+                                attach->records.attachTo(entry, attach->deadline);
+                              },
+                              &attachment};
+      created =
+          insertAndPin(env, nullptr, partition.map, key.object(), OBJECT_TYPE_JBYTE_ARRAY,
+                       keyBuffer.get(), key.hash(), true, value, kOwner, revision, &outcome, &hook);
     }
     if (created == nullptr) {
       release(bound, bytes, 1);
+      BucketSet* set = key.setIn(partition.map);
+      if (outcome == WriteOutcome::failed && lockBucketSet(set) == 0) {
+        records.detach();
+        unlockBucketSet(set);
+      }
       return outcome;
     }
     lockIncrement(&bound->bytes, static_cast<int64_t>(usableSizeOf(created)) - bound->recordBytes);
-    // Another thread may have taken the entry out since: then its records are not wanted.
-    afterwards([&](LuOffHeapValue* entry) {
-      if (entry == created) records.attachTo(created, partition, deadline);
-    });
     unpinLuOffHeapMapValue(env, created, JNI_INSERTED_PIN);
     return WriteOutcome::done;
   }
 
  private:
-  // Runs `step` on the key's entry, if there is one, under its bucket set.
-  template <typename Step>
-  void afterwards(Step step) const {
-    BucketSet* set = key.setIn(partition.map);
-    if (lockBucketSet(set) != 0) return;
-    if (LuOffHeapValue* entry = key.findIn(env, partition.map)) step(entry);
-    unlockBucketSet(set);
-  }
+  struct Attachment {
+    NewRecords& records;
+    jlong deadline;
+  };
 };
 
 enum class Presence { absent, live, expired, unknown };
@@ -353,7 +369,7 @@ jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_put(JNIEnv* env, jclass, jlo
   const SearchKey key(env, keyArray, hash);
   const ArrayCopy value(env, valueArray, "Value Data");
   if (value.get() == nullptr) return kFailed;
-  const Write write{env, partition, bound, key, value.get(), revision, deadline};
+  Write write{env, partition, bound, key, value.get(), revision, deadline};
   // Each step is atomic; a key that comes or goes between them sends us round again.
   for (;;) {
     Presence presence = probe(env, partition, key, now, __func__);
@@ -424,22 +440,44 @@ jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_remove(JNIEnv* env, jclass, 
   return outcome == WriteOutcome::done && !expired ? 1 : 0;
 }
 
+namespace {
+
+// REQUIRES: nobody else inside the map.
+int64_t countEntries(MapHeader* table) {
+  int64_t entries = 0;
+  for (uint32_t i = 0; i < table->numBucketSets; i++)
+    entries += getBucketSetByIndex(table, i)->size;
+  return entries;
+}
+
+// Takes every record out of a queue (none: true) and says so in the record.
+bool drain(JNIEnv* env, LuOffHeapEvictionDataQueue* queue) {
+  if (queue == nullptr) return true;
+  if (lockQueue(queue) != 0) return false;
+  while (queue->last != nullptr) {
+    static_cast<LuOffHeapEvictionData*>(queue->last)->expiration = kIdle;
+    removeFromQueue(env, queue, queue->last, kEvictionQueue);
+  }
+  unlockQueue(queue);
+  return true;
+}
+
+}  // namespace
+
 jboolean Java_com_velt_rz_corvane_nimbra_BoundedNatives_clear(JNIEnv* env, jclass, jlong map,
                                                               jlong boundHandle, jlong queue,
                                                               jlong ttl) {
   const Partition partition(map, queue, kNone, ttl);
   MapHeader* table = partition.map->map;
   const int64_t bytes = hashtable_bytesUsed(env, table);
-  const int64_t entries = hashtable_size(env, table);
-  if (entries < 0) return JNI_FALSE;
-  for (LuOffHeapEvictionDataQueue* evictionQueue : {partition.queue, partition.ttl}) {
-    if (evictionQueue != nullptr && !clearEvictionQueue(env, evictionQueue)) return JNI_FALSE;
-  }
+  const int64_t entries = countEntries(table);
+  if (!drain(env, partition.queue) || !drain(env, partition.ttl)) return JNI_FALSE;
   hashtable_clear(env, table);
-  const bool cleared = clearQueues(env, partition.map);
-  release(fromHandle<Bound>(boundHandle), bytes - hashtable_bytesUsed(env, table),
-          entries - hashtable_size(env, table));
-  return cleared ? JNI_TRUE : JNI_FALSE;
+  const bool unlinked = !env->ExceptionCheck() && clearQueues(env, partition.map);
+  const int64_t left = countEntries(table);
+  release(fromHandle<Bound>(boundHandle), bytes - hashtable_bytesUsed(env, table), entries - left);
+  const bool empty = left == 0 && partition.map->revisionQueue[kOwner]->count == 0;
+  return unlinked && empty ? JNI_TRUE : JNI_FALSE;
 }
 
 // ---- Eviction ------------------------------------------------------------------------------
@@ -467,10 +505,13 @@ LuOffHeapValue* takeOutByRecord(JNIEnv* env, const Partition& partition, Bound* 
   auto* value = static_cast<LuOffHeapValue*>(_getMapEntry(env, nullptr, partition.map->map, nullptr,
                                                           OBJECT_TYPE_VALUEHEADER, record->key,
                                                           record->timeout));
-  const bool mayGo =
-      value != nullptr && (byDeadline ? value->ttlEvictionData == record && isExpired(value, now)
-                                      : value->evictionData == record);
-  if (mayGo) return takeOut(env, partition, bound, set, value);
+  const bool carried =
+      value != nullptr && (byDeadline ? value->ttlEvictionData : value->evictionData) == record;
+  if (carried && (!byDeadline || isExpired(value, now))) {
+    return takeOut(env, partition, bound, set, value);
+  }
+  // A record that a refused lock has left behind would stand at the head for ever.
+  if (!carried) detachFrom(env, byDeadline ? partition.ttl : partition.queue, record);
   unlockBucketSet(set);
   return nullptr;
 }
@@ -484,10 +525,10 @@ jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_evict(JNIEnv* env, jclass, j
   const Partition partition(map, queue, kNone, ttl);
   auto* bound = fromHandle<Bound>(boundHandle);
   const bool timed = byDeadline == JNI_TRUE;
-  const jsize capacity = env->GetArrayLength(out) / kScanWords;
+  const jint wanted = std::min(count, env->GetArrayLength(out) / kScanWords);
   jint evicted = 0;
   // A head that another thread takes first costs an attempt; the attempts are bounded, too.
-  for (jint attempt = 0; attempt < 2 * count && evicted < count && evicted < capacity; attempt++) {
+  for (int64_t attempt = 0; attempt < int64_t{2} * wanted && evicted < wanted; attempt++) {
     LuOffHeapEvictionData* record =
         pinHead(env, timed ? partition.ttl : partition.queue, timed, now);
     if (record == nullptr) break;
@@ -497,6 +538,11 @@ jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_evict(JNIEnv* env, jclass, j
       unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
     }
     unpinLuOffHeapEvictionData(env, record, JNI_EVICTLIST_PIN);
+    if (env->ExceptionCheck()) {
+      // Java must learn of what was evicted already; the failure shows again in the next step.
+      if (evicted > 0) env->ExceptionClear();
+      break;
+    }
   }
   return evicted;
 }
@@ -510,7 +556,9 @@ void Java_com_velt_rz_corvane_nimbra_BoundedNatives_query(JNIEnv* env, jclass, j
   words[0] = 0;
   const int64_t starts[] = {start};
   const int64_t ends[] = {end};
-  queryRevision(env, fromHandle<LuOffHeapMap>(map), words, bookmark, starts, ends, 1);
+  if (!queryRevision(env, fromHandle<LuOffHeapMap>(map), words, bookmark, starts, ends, 1)) {
+    throw_exception(env, __func__, "A revision query failed to lock the map or its queue.");
+  }
 }
 
 void Java_com_velt_rz_corvane_nimbra_BoundedNatives_releaseQueried(JNIEnv* env, jclass,

@@ -240,6 +240,13 @@ LuOffHeapValue* getAndPinNextInRevisionQueue(JNIEnv* env, LuOffHeapMap* map,
 // missing for an update or a removal; `failed` that memory or a lock was refused.
 enum class WriteOutcome { done, none, failed };
 
+// Runs on the entry that has just been linked or given its value, in the same hold of its bucket
+// set. It may take queues, and must not touch the table.
+struct EntryHook {
+  void (*run)(void* context, JNIEnv* env, LuOffHeapValue* entry);
+  void* context;
+};
+
 // `caller` is the Java map object. `key` is the address of the caller's key (a Java reference or a
 // number) in `keyFormat`; the key buffer may be null for update and remove.
 
@@ -247,12 +254,14 @@ enum class WriteOutcome { done, none, failed };
 LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
                              uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
                              bool hashCodeGiven, ByteBufferHeader* value, uint16_t revisionOwner,
-                             int64_t revisionNumber, WriteOutcome* outcome = nullptr);
+                             int64_t revisionNumber, WriteOutcome* outcome = nullptr,
+                             const EntryHook* hook = nullptr);
 // A snapshot of the entry's previous state, with its ALLOCATION_PIN for Java, or null.
 LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
                              uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
                              bool hashCodeGiven, ByteBufferHeader* value, uint16_t revisionOwner,
-                             int64_t revisionNumber, WriteOutcome* outcome = nullptr);
+                             int64_t revisionNumber, WriteOutcome* outcome = nullptr,
+                             const EntryHook* hook = nullptr);
 // The removed value, pinned JNI_REMOVED_PIN for Java, or null.
 LuOffHeapValue* removeAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
                              uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,

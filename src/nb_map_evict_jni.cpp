@@ -277,7 +277,10 @@ jlongArray Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapTTLEvictionQueue_ge
   // The reason is not that of the other lists; Java drops it with the same.
   const jlongArray array = pinDueRecords(env, first, count, JNI_GET_PIN,
                                          [](const LuOffHeapEvictionData*) { return true; });
-  if (unlockQueue(queue) != 0) return nullptr;
+  if (unlockQueue(queue) != 0) {
+    if (array != nullptr) env->DeleteLocalRef(array);
+    return nullptr;
+  }
   NB_EXIT(env, "queue=%p, currentTime=%lu, count=%lu", static_cast<void*>(queue),
           static_cast<unsigned long>(currentTime), static_cast<unsigned long>(count));
   return array;

@@ -40,7 +40,7 @@ bool appendIntoEvictionQueue2(JNIEnv* env, LuOffHeapEvictionDataQueue* queue,
   }
   // Deliberate: the high-water mark stays. The contract with Java says so.
   // Pinned by LruQueue.AppendLeavesTheHighWaterMark.
-  queue->count++;
+  __atomic_store_n(&queue->count, queue->count + 1, __ATOMIC_RELAXED);
   NB_EXIT_AS(env, kAppend, "queue=%p, evictData=%p, return=%d", static_cast<void*>(queue),
              static_cast<void*>(record), 1);
   return true;

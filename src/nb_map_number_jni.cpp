@@ -13,7 +13,7 @@ namespace {
 
 using WriteOperation = LuOffHeapValue* (*)(JNIEnv*, jobject, LuOffHeapMap*, const void*, uint8_t,
                                            ByteBufferHeader*, int32_t, bool, ByteBufferHeader*,
-                                           uint16_t, int64_t, WriteOutcome*);
+                                           uint16_t, int64_t, WriteOutcome*, const EntryHook*);
 
 // The result of the operation under a key buffer of its own, with a value that Java passes as an
 // array.
@@ -25,9 +25,9 @@ jlong writeArray(WriteOperation operation, JNIEnv* env, jobject self, jlong map,
   if (keyBuffer.get() == nullptr) return 0;
   const ArrayBuffer valueBuffer(env, value, valueLength, valueType, "Value Data");
   if (!valueBuffer.ok) return 0;
-  return toHandle(operation(env, self, fromHandle<LuOffHeapMap>(map), nullptr, Type,
-                            keyBuffer.get(), hashCode, true, valueBuffer.get(),
-                            static_cast<uint16_t>(revisionOwner), revisionNumber, nullptr));
+  return toHandle(operation(
+      env, self, fromHandle<LuOffHeapMap>(map), nullptr, Type, keyBuffer.get(), hashCode, true,
+      valueBuffer.get(), static_cast<uint16_t>(revisionOwner), revisionNumber, nullptr, nullptr));
 }
 
 // The same with a value that Java passes as a direct buffer, which gets no pin from us.
@@ -38,9 +38,9 @@ jlong writeBuffer(WriteOperation operation, JNIEnv* env, jobject self, jlong map
   if (keyBuffer.get() == nullptr) return 0;
   ByteBufferHeader* valueHeader = headerOfBuffer(env, value);
   if (valueHeader == nullptr) return 0;
-  return toHandle(operation(env, self, fromHandle<LuOffHeapMap>(map), nullptr, Type,
-                            keyBuffer.get(), hashCode, true, valueHeader,
-                            static_cast<uint16_t>(revisionOwner), revisionNumber, nullptr));
+  return toHandle(operation(
+      env, self, fromHandle<LuOffHeapMap>(map), nullptr, Type, keyBuffer.get(), hashCode, true,
+      valueHeader, static_cast<uint16_t>(revisionOwner), revisionNumber, nullptr, nullptr));
 }
 
 static_assert(OBJECT_TYPE_JBYTE == DESERIALIZED_TYPE_JBYTE &&

@@ -2,6 +2,8 @@
 // and its character helpers.
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl.h"
 #include "nb_jni.h"
 #include "nb_map_private.h"
@@ -14,11 +16,13 @@ uint32_t javaReason(jint reason) {
   return static_cast<uint32_t>(reason) | JNI_CONVERT_FROM_JAVA_PIN;
 }
 
-// The elements of a long array for reading, released without copying back.
+// The elements of a long array for reading, released without copying back; none of a null array.
 class LongElements {
  public:
   LongElements(JNIEnv* env, jlongArray array)
-      : env_(env), array_(array), elements_(env->GetLongArrayElements(array, nullptr)) {}
+      : env_(env),
+        array_(array),
+        elements_(array != nullptr ? env->GetLongArrayElements(array, nullptr) : nullptr) {}
   ~LongElements() {
     if (elements_ != nullptr) env_->ReleaseLongArrayElements(array_, elements_, JNI_ABORT);
   }
@@ -47,14 +51,16 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_queryRevisionAnd
   }
   const jsize numOwners = env->GetArrayLength(startRevisions);
   const LongElements starts(env, startRevisions);
-  const LongElements ends(env, endRevisions);
+  // After a failure an exception may be pending, with which no further elements may be asked for.
+  const LongElements ends(env, starts.get() != nullptr ? endRevisions : nullptr);
   if (numOwners < 1 || starts.get() == nullptr || ends.get() == nullptr) {
     NB_DEBUG_AS(env, "queryRevisionAndPinWithBounds",
                 "Passed in bounds are invalid. numOwners=%d startRevsNative=%p endRevsNative=%p",
                 numOwners, static_cast<void*>(starts.get()), static_cast<void*>(ends.get()));
     return 0;
   }
-  queryRevision(env, map, result, bookmarkIndex, starts.get(), ends.get(), numOwners);
+  queryRevision(env, map, result, bookmarkIndex, starts.get(), ends.get(),
+                std::min(numOwners, env->GetArrayLength(endRevisions)));
   return 0;
 }
 

@@ -133,7 +133,8 @@ bool appendToQueue(JNIEnv* env, LuOffHeapQueue* queue, LuQueueEntry* entry, uint
   } else {
     linkFirst(env, queue, entry, found.next, kind);
   }
-  queue->count++;
+  // Java reads the count of an eviction queue without the mutex.
+  __atomic_store_n(&queue->count, queue->count + 1, __ATOMIC_RELAXED);
   if (queue->count > queue->maxCount) queue->maxCount = queue->count;
   unpinLuQueueEntry(env, entry, kind, NATIVE_TRANSIENT_GET_PIN);
   NB_EXIT(env,
@@ -235,7 +236,7 @@ bool removeFromQueue(JNIEnv* env, LuOffHeapQueue* queue, LuQueueEntry* entry, ui
   traceRemoved(env, queue, entry, removed);
   if (release.freed() > 0) NB_DEBUG(env, "Remove freed %d LuValues.", release.freed());
   if (removed) {
-    queue->count--;
+    __atomic_store_n(&queue->count, queue->count - 1, __ATOMIC_RELAXED);
     return true;
   }
   char message[128];

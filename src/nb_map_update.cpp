@@ -50,7 +50,7 @@ void rollBackInsert(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* value) {
 
 // REQUIRES: the map lock for writing. Links the new value into its chain, pinned JNI_INSERTED_PIN.
 WriteOutcome insertIntoTable(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
-                             uint8_t keyFormat, LuOffHeapValue* value) {
+                             uint8_t keyFormat, LuOffHeapValue* value, const EntryHook* hook) {
   BucketSet* set = setOf(map, value->hashCode);
   if (lockBucketSet(set) != 0) {
     unlock(env, map);
@@ -67,6 +67,7 @@ WriteOutcome insertIntoTable(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
   int32_t inserted = -1;
   const Pinnable* entry =
       hashtable_insertAndPin(env, caller, map->map, key, keyFormat, value, &inserted, false);
+  if (entry != nullptr && hook != nullptr) hook->run(hook->context, env, value);
   unlockBucketSet(set);
   if (entry != nullptr) return WriteOutcome::done;
   unlock(env, map);
@@ -87,7 +88,7 @@ WriteOutcome insertIntoTable(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
 LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
                              uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
                              bool isHashCodeGiven, ByteBufferHeader* value, uint16_t revisionOwner,
-                             int64_t revisionNumber, WriteOutcome* outcome) {
+                             int64_t revisionNumber, WriteOutcome* outcome, const EntryHook* hook) {
   constexpr char kEnter[] =
       "luMap=%p key=%p hashCode=%d value=%p revisionOwner=%d revisionNumber=%lu withHashCode=%s";
   if (logInfo.entryExit) {
@@ -111,7 +112,7 @@ LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
   // Java says so. Pinned by InsertRollback.MapLockFailureLeavesTheValue.
   if (wrlock(env, map) != 0) return nullptr;
 
-  const WriteOutcome linked = insertIntoTable(env, caller, map, key, keyFormat, created);
+  const WriteOutcome linked = insertIntoTable(env, caller, map, key, keyFormat, created, hook);
   if (linked != WriteOutcome::done) {
     report(outcome, linked);
     return nullptr;
@@ -266,7 +267,7 @@ bool swapValue(JNIEnv* env, jobject caller, const Update& update,
 LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
                              uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
                              bool isHashCodeGiven, ByteBufferHeader* value, uint16_t revisionOwner,
-                             int64_t revisionNumber, WriteOutcome* outcome) {
+                             int64_t revisionNumber, WriteOutcome* outcome, const EntryHook* hook) {
   constexpr char kEnter[] =
       "luMap=%p key=%p hashCode=%d value=%p revisionOwner=%d revisionNumber=%lu withHashCode=%s";
   if (logInfo.entryExit) {
@@ -328,6 +329,7 @@ LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
     dropUpdate(env, update);
     return nullptr;
   }
+  if (hook != nullptr) hook->run(hook->context, env, existing);
   unpinLuOffHeapMapValue(env, existing, JNI_UPDATED_PIN);
   unlockBucketSet(set);
   NB_EXIT(env, "updated LuValue=%p for key=%p", static_cast<void*>(existing),

@@ -251,6 +251,22 @@ TEST_F(EvictionQueueFailures, AJavaArrayThatCannotBeHadPinsNothing) {
   }
 }
 
+TEST_F(EvictionQueueFailures, AFailedUnlockEndsTheTtlList) {
+  const Records r = ttl({10, 20});
+  {
+    FailNthLock failure(2);
+    EXPECT_EQ(underFailingLock([&] { return timeLists()[0](); }), nullptr);
+    EXPECT_EQ(failure.site(), "queue unlock");
+    failure.release();
+  }
+  EXPECT_EQ(jni.liveLocals(), 0U) << "the array";
+  for (LuOffHeapEvictionData* record : r) {
+    EXPECT_EQ(record->pins, 4) << "the pins were taken for Java";
+    unpinRecord(record, JNI_GET_PIN);
+  }
+  order(true);
+}
+
 TEST_F(EvictionQueueFailures, AFailedUnlockOfAWholeQueueListIsIgnored) {
   const Records r = ttl({10, 20});
   {

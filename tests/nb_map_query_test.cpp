@@ -278,6 +278,14 @@ TEST_F(RevisionQuery, ArrayElementsThatCannotBeHadFindNothing) {
   }
 }
 
+TEST_F(RevisionQuery, NoElementsAreAskedForWhileAnExceptionIsPending) {
+  insert("key", "value", 0, 5);
+  jni.failCall("GetLongArrayElements", 1, Thrown{kOutOfMemory, "no room"});
+  call(0, {0}, {9});
+  EXPECT_EQ(words[0], 0);
+  EXPECT_TRUE(jni.takePending().has_value());
+}
+
 TEST_F(RevisionQuery, BothArraysAreReleasedWithoutCopyingBack) {
   insert("key", "value", 0, 5);
   for (const bool copies : {false, true}) {
