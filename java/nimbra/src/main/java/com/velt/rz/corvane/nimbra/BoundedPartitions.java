@@ -92,6 +92,7 @@ final class BoundedPartitions {
     private final LongAdder removals = new LongAdder();
     private final LongAdder sizeEvictions = new LongAdder();
     private final LongAdder expirations = new LongAdder();
+    private final LongAdder lateRefusals = new LongAdder();
 
     /**
      * Makes the bound and the queues of native maps that are empty and that nobody else uses yet.
@@ -224,6 +225,9 @@ final class BoundedPartitions {
                 if (!(raised instanceof OffHeapMemoryException refused)) {
                     throw raised;
                 }
+                if (e instanceof OutOfMemoryError) {
+                    lateRefusals.increment();
+                }
                 refusal = refused;
                 outcome = -1;
             } finally {
@@ -347,6 +351,9 @@ final class BoundedPartitions {
      */
     int remove(int partition, byte[] key, int hash) {
         long now = now();
+        if (timeToLive != 0) {
+            collectSome(partition, now, "remove");
+        }
         int outcome;
         gates.enter(partition, "remove");
         try {
@@ -357,9 +364,6 @@ final class BoundedPartitions {
         }
         if (outcome == 1) {
             removals.increment();
-        }
-        if (timeToLive != 0) {
-            collectSome(partition, now, "remove");
         }
         return outcome;
     }
@@ -607,6 +611,11 @@ final class BoundedPartitions {
     MapStatistics statistics() {
         return new MapStatistics(
                 hits.sum(), misses.sum(), puts.sum(), removals.sum(), sizeEvictions.sum(), expirations.sum());
+    }
+
+    /** Refusals that came after the allocation: each keeps the process's count of blocks raised by one. */
+    long lateRefusals() {
+        return lateRefusals.sum();
     }
 
     /** The bytes of the entries, those counted that are just being stored. */

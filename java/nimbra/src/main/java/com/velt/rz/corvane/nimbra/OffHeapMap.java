@@ -592,9 +592,9 @@ public final class OffHeapMap implements AutoCloseable {
         return bounded.statistics();
     }
 
-    /** The bytes that the limits count for an entry, for maps that have any. */
-    long entryBytes(int keyLength, int valueLength) {
-        return bounded.entryBytes(keyLength, valueLength);
+    /** The part that a map with limits, an expiry or statistics has, or null. */
+    BoundedPartitions bounded() {
+        return bounded;
     }
 
     /** Clears and deletes the first {@code count} native maps; returns false when a lock failed on the way. */

@@ -301,7 +301,7 @@ class BoundedMapConcurrencyTest {
     private static long[] walk(OffHeapMap map) {
         long[] found = new long[2];
         map.forEach((key, value) -> {
-            found[0] += map.entryBytes(key.length, value.length);
+            found[0] += map.bounded().entryBytes(key.length, value.length);
             found[1]++;
         });
         return found;

@@ -190,7 +190,7 @@ class BoundedMapOracleTest {
         }
 
         private long size(String key, byte[] value) {
-            return map.entryBytes(key.length(), value.length);
+            return map.bounded().entryBytes(key.length(), value.length);
         }
 
         private void drop(Entry entry) {

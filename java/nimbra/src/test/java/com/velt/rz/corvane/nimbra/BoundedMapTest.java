@@ -173,13 +173,13 @@ class BoundedMapTest {
         try (OffHeapMap map = options().maximumBytes(1L << 40).build()) {
             for (int length = 0; length < 70_000; length += length < 600 ? 1 : 97) {
                 byte[] key = new byte[Math.min(length, OffHeapMap.MAX_KEY_LENGTH)];
-                long told = map.entryBytes(key.length, length);
+                long told = map.bounded().entryBytes(key.length, length);
                 map.put(key, new byte[length]);
                 assertEquals(told, map.bytesUsed(), "key of " + key.length + ", value of " + length);
                 map.remove(key);
                 assertArrayEquals(new long[2], figures(map));
             }
-            long told = map.entryBytes(3, 40_000_000);
+            long told = map.bounded().entryBytes(3, 40_000_000);
             map.put(bytes("big"), new byte[40_000_000]);
             assertEquals(told, map.bytesUsed());
         }
@@ -503,6 +503,9 @@ class BoundedMapTest {
                 assertTrue(evicted.size() >= 30 && evicted.size() < 70, evicted.size() + " evicted");
                 assertNull(map.get(bytes(0)), "the oldest went first");
             });
+            for (long late = map.bounded().lateRefusals(); late > 0; late--) {
+                LeakCheck.refusedAfterAllocation();
+            }
         }
     }
 
@@ -518,6 +521,7 @@ class BoundedMapTest {
                     1_000, () -> assertThrows(OffHeapMemoryException.class, () -> map.put(bytes("x"), bytes("X"))));
             assertEquals(0, map.size());
             assertEquals(3, evicted.size());
+            assertEquals(0, map.bounded().lateRefusals());
             put(map, "a");
             assertEquals(1, map.size());
         }
