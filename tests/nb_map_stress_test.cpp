@@ -241,25 +241,14 @@ class Worker {
     switch (random_() % 10) {
       case 0:
       case 1:
-      case 2:
-        insert(key);
-        break;
+      case 2: insert(key); break;
       case 3:
       case 4:
-      case 5:
-        update(key);
-        break;
-      case 6:
-        remove(key);
-        break;
-      case 7:
-        contains(key);
-        break;
-      case 8:
-        readUnderTheBucketSet(key);
-        break;
-      default:
-        touch(key);
+      case 5: update(key); break;
+      case 6: remove(key); break;
+      case 7: contains(key); break;
+      case 8: readUnderTheBucketSet(key); break;
+      default: touch(key);
     }
   }
 

@@ -326,33 +326,15 @@ struct JniTable {
       jvalue value;
       std::memset(&value, 0, sizeof value);
       switch (type) {
-        case 'J':
-          value.j = va_arg(list, jlong);
-          break;
-        case 'D':
-          value.d = va_arg(list, jdouble);
-          break;
-        case 'F':
-          value.f = static_cast<jfloat>(va_arg(list, jdouble));
-          break;
-        case 'L':
-          value.l = va_arg(list, jobject);
-          break;
-        case 'Z':
-          value.z = static_cast<jboolean>(va_arg(list, jint));
-          break;
-        case 'B':
-          value.b = static_cast<jbyte>(va_arg(list, jint));
-          break;
-        case 'C':
-          value.c = static_cast<jchar>(va_arg(list, jint));
-          break;
-        case 'S':
-          value.s = static_cast<jshort>(va_arg(list, jint));
-          break;
-        default:
-          value.i = va_arg(list, jint);
-          break;
+        case 'J': value.j = va_arg(list, jlong); break;
+        case 'D': value.d = va_arg(list, jdouble); break;
+        case 'F': value.f = static_cast<jfloat>(va_arg(list, jdouble)); break;
+        case 'L': value.l = va_arg(list, jobject); break;
+        case 'Z': value.z = static_cast<jboolean>(va_arg(list, jint)); break;
+        case 'B': value.b = static_cast<jbyte>(va_arg(list, jint)); break;
+        case 'C': value.c = static_cast<jchar>(va_arg(list, jint)); break;
+        case 'S': value.s = static_cast<jshort>(va_arg(list, jint)); break;
+        default: value.i = va_arg(list, jint); break;
       }
       values.push_back(value);
     }

@@ -179,14 +179,10 @@ struct Result<'L'> {
 
 inline std::size_t elementSize(char type) {
   switch (type) {
-    case 'C':
-      return sizeof(jchar);
-    case 'I':
-      return sizeof(jint);
-    case 'J':
-      return sizeof(jlong);
-    default:
-      return sizeof(jbyte);
+    case 'C': return sizeof(jchar);
+    case 'I': return sizeof(jint);
+    case 'J': return sizeof(jlong);
+    default: return sizeof(jbyte);
   }
 }
 
