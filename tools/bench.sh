@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds and runs the native benchmarks, then the Java ones; arguments go to the Java runner.
-# --quick shortens both. Tables and raw results stay in build/bench.
+# Builds and runs the native benchmarks, then the Java ones: the map beside a map on the heap, and
+# how cost follows the size of a map. Arguments go to the first Java runner; --quick shortens all.
+# Tables and raw results stay in build/bench.
 set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -10,8 +11,10 @@ if [[ -n ${JAVA_HOME:-} && -x $JAVA_HOME/bin/java ]]; then
 fi
 
 native_options=(--benchmark_out=build/bench/native.json --benchmark_out_format=json)
+scaling_options=()
 for argument; do
   if [[ $argument == --quick ]]; then
+    scaling_options=(--quick)
     native_options+=(--benchmark_min_time=0.02 --benchmark_repetitions=3)
   fi
 done
@@ -22,4 +25,8 @@ cmake --build --preset bench --parallel "${JOBS:-$(nproc)}"
 build/release/bench/nimbra_bench "${native_options[@]}" | tee build/bench/native.md
 
 printf '\n==== Java ====\n'
-exec "$java" -jar java/nimbra-bench/target/benchmarks.jar "$@"
+"$java" -jar java/nimbra-bench/target/benchmarks.jar "$@"
+
+printf '\n==== cost by size ====\n'
+"$java" -cp java/nimbra-bench/target/benchmarks.jar \
+  com.velt.rz.corvane.nimbra.bench.ScalingMain build/bench "${scaling_options[@]}"
