@@ -20,10 +20,6 @@ namespace {
 
 constexpr jint kPhantomCapacity = 0x7fffffff;  // bytes
 
-uint32_t javaReason(jint reason) {
-  return static_cast<uint32_t>(reason) | JNI_CONVERT_FROM_JAVA_PIN;
-}
-
 // The kinds of buffer that Java asks for.
 enum BufferKind : jbyte {
   kPlainBuffer = 0,

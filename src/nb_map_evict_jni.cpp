@@ -16,10 +16,6 @@ using namespace nimbra;
 
 namespace {
 
-uint32_t javaReason(jint reason) {
-  return static_cast<uint32_t>(reason) | JNI_CONVERT_FROM_JAVA_PIN;
-}
-
 LuOffHeapEvictionData* recordOf(jlong handle) { return fromHandle<LuOffHeapEvictionData>(handle); }
 
 LuOffHeapEvictionDataQueue* queueOf(jlong handle) {

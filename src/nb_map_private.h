@@ -14,6 +14,11 @@ inline constexpr char kQueueLockText[] =
 inline constexpr char kQueueLockMessage[] =
     "Error acquiring internal queue lock in Nimbra library. Queue=Entry Revision Queue";
 
+// A reason that Java passed in, as pins and unpins take it.
+inline uint32_t javaReason(jint reason) {
+  return static_cast<uint32_t>(reason) | JNI_CONVERT_FROM_JAVA_PIN;
+}
+
 // Words that a revision query writes for one entry.
 inline constexpr int64_t kQueryWords = 9;
 

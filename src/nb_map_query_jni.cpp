@@ -12,10 +12,6 @@ using namespace nimbra;
 
 namespace {
 
-uint32_t javaReason(jint reason) {
-  return static_cast<uint32_t>(reason) | JNI_CONVERT_FROM_JAVA_PIN;
-}
-
 // The elements of a long array for reading, released without copying back; none of a null array.
 class LongElements {
  public:

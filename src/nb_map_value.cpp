@@ -124,32 +124,13 @@ void releaseKey(JNIEnv* env, LuOffHeapValue* value) {
   }
 }
 
-void releaseEvictionData(JNIEnv* env, LuOffHeapValue* value) {
-  LuOffHeapEvictionData* record = value->evictionData;
+// `slot` is the field's name, as the records print it.
+void releaseEvictionData(JNIEnv* env, LuOffHeapEvictionData* record, const char* slot) {
   if (record == nullptr) return;
-  NB_DEBUG_AS(env, kRelease, "Unpinning luValue->evictionData=%p", static_cast<void*>(record));
+  NB_DEBUG_AS(env, kRelease, "Unpinning luValue->%s=%p", slot, static_cast<void*>(record));
   const uint32_t left = unpinLuOffHeapEvictionData(env, record, LUOFFHEAPMAPVALUE_EVICTION_PIN);
-  if (left != 0) {
-    NB_DEBUG_AS(env, kRelease, "Unpinned luValue->evictionData=%p, refCount=%d",
-                static_cast<void*>(record), static_cast<int>(left));
-  } else {
-    NB_DEBUG_AS(env, kRelease, "Freed luValue->evictionData=%p, refCount=%d",
-                static_cast<void*>(record), static_cast<int>(left));
-  }
-}
-
-void releaseTtlEvictionData(JNIEnv* env, LuOffHeapValue* value) {
-  LuOffHeapEvictionData* record = value->ttlEvictionData;
-  if (record == nullptr) return;
-  NB_DEBUG_AS(env, kRelease, "Unpinning luValue->ttlEvictionData=%p", static_cast<void*>(record));
-  const uint32_t left = unpinLuOffHeapEvictionData(env, record, LUOFFHEAPMAPVALUE_EVICTION_PIN);
-  if (left != 0) {
-    NB_DEBUG_AS(env, kRelease, "Unpinned luValue->ttlEvictionData=%p, refCount=%d",
-                static_cast<void*>(record), static_cast<int>(left));
-  } else {
-    NB_DEBUG_AS(env, kRelease, "Freed luValue->ttlEvictionData=%p, refCount=%d",
-                static_cast<void*>(record), static_cast<int>(left));
-  }
+  NB_DEBUG_AS(env, kRelease, "%s luValue->%s=%p, refCount=%d", left != 0 ? "Unpinned" : "Freed",
+              slot, static_cast<void*>(record), static_cast<int>(left));
 }
 
 void releaseValueBuffer(JNIEnv* env, LuOffHeapValue* value) {
@@ -187,8 +168,8 @@ uint32_t unpinLuOffHeapMapValue(JNIEnv* env, Pinnable* entry, uint32_t reason) {
   NB_DEBUG(env, "luValue=%p pins <= 0, freeing constituent members", static_cast<void*>(value));
   NB_EVENT(env, "luValue=%p pins <= 0, freeing constituent members", static_cast<void*>(value));
   releaseKey(env, value);
-  releaseEvictionData(env, value);
-  releaseTtlEvictionData(env, value);
+  releaseEvictionData(env, value->evictionData, "evictionData");
+  releaseEvictionData(env, value->ttlEvictionData, "ttlEvictionData");
   releaseValueBuffer(env, value);
   if ((value->flags & HAS_VALUE) == 0 && value->value != nullptr) {
     NB_WARNING(env, "LuValue->valueLength was 0, the pointer was not NULL. Found value=%p",
