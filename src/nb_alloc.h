@@ -43,6 +43,14 @@ int64_t updateUsage(JNIEnv* env, int32_t flag, uint64_t size, const void* block)
 // Bytes in use: the allocator's own figure, or our byte counter while internal counting is on.
 int64_t getCurrentSize(JNIEnv* env);
 int64_t getCurrentInternalMetadataSize(JNIEnv* env);
+// What a structure of ours holds, by its usable size, so that making and freeing balance to the
+// byte.
+inline void addMetadata(uint64_t bytes) {
+  lockIncrement(&allocatingInternalMetadataSize, static_cast<int64_t>(bytes));
+}
+inline void subtractMetadata(uint64_t bytes) {
+  lockDecrement(&allocatingInternalMetadataSize, static_cast<int64_t>(bytes));
+}
 void initJemallocSizes();
 
 // Rounded up to whole pages when above one page and at most one chunk; otherwise unchanged.

@@ -19,14 +19,6 @@ constexpr char kSizeTag[] = "BucketSet [om7]";
 // The size of the first default entry ever measured; reported when there is no entry to measure.
 Relaxed<uint64_t> defaultEntrySize;
 
-void addMetadata(uint64_t bytes) {
-  lockIncrement(&allocatingInternalMetadataSize, static_cast<int64_t>(bytes));
-}
-
-void subtractMetadata(uint64_t bytes) {
-  lockDecrement(&allocatingInternalMetadataSize, static_cast<int64_t>(bytes));
-}
-
 uint32_t powerOfTwoAtLeast(uint32_t wanted) {
   uint32_t power = 1;
   while (power < wanted && power < MAX_BUCKET_SIZE) power *= 2;

@@ -94,8 +94,7 @@ jobject Java_com_velt_rz_corvane_io_offheap_OffHeapManager_allocateDirectFromOff
     return nullptr;
   }
   if (kind == kIteratorBuffer) {
-    lockIncrement(&allocatingInternalMetadataSize,
-                  static_cast<int64_t>(sizeofByteBufferHeader(header)));
+    addMetadata(sizeofByteBufferHeader(header));
   } else {
     pin(env, header, ALLOCATION_PIN);
   }
@@ -174,8 +173,7 @@ void Java_com_velt_rz_corvane_io_offheap_OffHeapManager_freeDirectInternal(JNIEn
     return;
   }
   ByteBufferHeader* header = headerOfData(data);
-  lockDecrement(&allocatingInternalMetadataSize,
-                static_cast<int64_t>(sizeofByteBufferHeader(header)));
+  subtractMetadata(sizeofByteBufferHeader(header));
   freeByteBufferData(env, header);
   // The second value is the data address although the text says otherwise; Java reads it so.
   NB_DEBUG_AS(env, kName, "completed. JavaBB=%p RefType=%d BB=%p", static_cast<void*>(buffer),

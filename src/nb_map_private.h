@@ -30,14 +30,6 @@ inline int lockQueueAscending(LuOffHeapQueue* queue) {
 // The result of a release that failed or of a record of no known kind.
 inline constexpr uint32_t kNoCount = 0xFFFFFFFFU;
 
-inline void addMetadata(uint64_t bytes) {
-  lockIncrement(&allocatingInternalMetadataSize, static_cast<int64_t>(bytes));
-}
-
-inline void subtractMetadata(uint64_t bytes) {
-  lockDecrement(&allocatingInternalMetadataSize, static_cast<int64_t>(bytes));
-}
-
 inline uint64_t usableSizeOf(const void* block) { return alignSize(block); }
 
 // The record's size under the switch as it stands; the switch must not change while values exist.
