@@ -554,11 +554,14 @@ void Java_com_velt_rz_corvane_nimbra_BoundedNatives_query(JNIEnv* env, jclass, j
                                                           jlong start, jlong end) {
   auto* words = static_cast<int64_t*>(env->GetDirectBufferAddress(result));
   words[0] = 0;
+  const ProfiledRun run(qnp, kQueryPositions, kQueryProfile, kQueryLabels);
   const int64_t starts[] = {start};
   const int64_t ends[] = {end};
-  if (!queryRevision(env, fromHandle<LuOffHeapMap>(map), words, bookmark, starts, ends, 1)) {
+  run.point(0);
+  if (!queryRevision(env, fromHandle<LuOffHeapMap>(map), words, bookmark, starts, ends, 1, run)) {
     throw_exception(env, __func__, "A revision query failed to lock the map or its queue.");
   }
+  run.point(7);
 }
 
 void Java_com_velt_rz_corvane_nimbra_BoundedNatives_releaseQueried(JNIEnv* env, jclass,

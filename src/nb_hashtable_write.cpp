@@ -8,6 +8,7 @@
 #include "nb_hashtable.h"
 #include "nb_jni.h"
 #include "nb_logging.h"
+#include "nb_prof.h"
 
 namespace nimbra {
 
@@ -322,17 +323,24 @@ void rehashMapEntriesIfNecessary(JNIEnv* env, MapHeader* header, BucketSet* set,
 
 namespace {
 
+ProfileSlot clearProfile;
+constexpr const char* kClearLabels[] = {"computeSizeClearIndex", "nofComplete", "unpinMapEntry"};
+
 // REQUIRES: the set. Returns the bytes that its entries were accounted with.
 uint64_t clearSet(JNIEnv* env, MapHeader* header, BucketSet* set) {
   uint64_t bytes = 0;
   for (uint32_t i = 0; i < set->bucketCount; i++) {
     Bucket* bucket = &set->buckets[i];
     while (*bucket != nullptr) {
+      const ProfiledRun run(clearProfile, 500, "clearEntry", kClearLabels);
       Pinnable* entry = *bucket;
       bytes += header->sizeofEntry(env, entry);
+      run.point(0);
+      run.point(1);
       Pinnable* next = header->getNext(env, entry);
       header->unpinEntry(env, entry, BUCKET_FIRST_PIN);
       *bucket = next;
+      run.point(2);
     }
   }
   set->size = 0;

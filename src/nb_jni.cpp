@@ -13,6 +13,7 @@
 #include "nb_hashtable.h"
 #include "nb_logging.h"
 #include "nb_map_private.h"
+#include "nb_pintrack.h"
 
 using namespace nimbra;
 
@@ -280,4 +281,14 @@ jint Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getSize_1LuValue(JNIEnv*
 jint Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getSize_1PerEntryMetadata(JNIEnv*,
                                                                                   jobject) {
   return 1;
+}
+
+// ---- Diagnostics ---------------------------------------------------------------------------
+
+void Java_com_velt_rz_corvane_io_offheap_OffHeapManager_pinTrack(JNIEnv* env, jobject) {
+  reportPins(env);
+}
+
+void Java_com_velt_rz_corvane_io_offheap_OffHeapManager_printProfileStats(JNIEnv* env, jobject) {
+  printAllProf(env);
 }

@@ -86,6 +86,11 @@ int mutexLock(pthread_mutex_t* mutex, LockRank rank, Nesting nesting) {
   return taken(pthread_mutex_lock(mutex), rank, mutex);
 }
 
+int mutexTryLock(pthread_mutex_t* mutex, LockRank rank) {
+  if (const int code = injected(rank, mutex, LockOp::tryLock)) return code;
+  return taken(pthread_mutex_trylock(mutex), rank, mutex);
+}
+
 int mutexUnlock(pthread_mutex_t* mutex, LockRank rank) {
   if (const int code = injected(rank, mutex, LockOp::unlock)) return code;
   return released(pthread_mutex_unlock(mutex), mutex);

@@ -21,6 +21,10 @@ enum class LockRank : int {
   bucketSet = 20,
   queue = 30,
   node = 40,
+  pinChain = 80,
+  pinRecord = 81,
+  profileRegistry = 85,
+  profile = 86,
 };
 
 struct LockRankRow {
@@ -43,9 +47,16 @@ inline constexpr LockRankRow kLockRanks[] = {
     {LockRank::node, "overflow_metadata (logical lock)",
      "one entry's overflow node: where its value lives, its flags, its place in a list",
      "all of the above"},
+    {LockRank::pinChain, "PinTracker::lock of a chain's head",
+     "one chain of tracked objects; only while pin tracking is on", "all of the above"},
+    {LockRank::pinRecord, "PinTracker::lock of a record", "one object's events and balance",
+     "its chain's head"},
+    {LockRank::profileRegistry, "the mutex of globalTable", "the list of profiles", "nothing"},
+    {LockRank::profile, "native_prof::lock", "who times in which slot, and at which position",
+     "all of the above but pin tracking; the slot locks are only ever tried"},
 };
 
-enum class LockOp { init, lock, readLock, writeLock, unlock };
+enum class LockOp { init, lock, tryLock, readLock, writeLock, unlock };
 
 // How many locks of one rank the thread may hold at once.
 enum class Nesting { single, ascending };
@@ -74,6 +85,8 @@ bool holdsLock(const void* lock);
 
 int mutexInit(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes, LockRank rank);
 int mutexLock(pthread_mutex_t* mutex, LockRank rank, Nesting nesting = Nesting::single);
+// A try never waits, so it may break the order; what it gets is held like any other lock.
+int mutexTryLock(pthread_mutex_t* mutex, LockRank rank);
 int mutexUnlock(pthread_mutex_t* mutex, LockRank rank);
 int rwlockInit(pthread_rwlock_t* lock, LockRank rank);
 int rwlockRead(pthread_rwlock_t* lock, LockRank rank);
@@ -88,6 +101,7 @@ inline int mutexInit(pthread_mutex_t* mutex, const pthread_mutexattr_t* attribut
 inline int mutexLock(pthread_mutex_t* mutex, LockRank, Nesting = Nesting::single) {
   return pthread_mutex_lock(mutex);
 }
+inline int mutexTryLock(pthread_mutex_t* mutex, LockRank) { return pthread_mutex_trylock(mutex); }
 inline int mutexUnlock(pthread_mutex_t* mutex, LockRank) { return pthread_mutex_unlock(mutex); }
 inline int rwlockInit(pthread_rwlock_t* lock, LockRank) {
   return pthread_rwlock_init(lock, nullptr);

@@ -16,6 +16,8 @@
 
 namespace nimbra {
 
+class ProfiledRun;
+
 // ---- Records -------------------------------------------------------------------------------
 
 // Common head of queued records. The links are guarded by the queue that holds the record.
@@ -224,7 +226,8 @@ bool clearQueues(JNIEnv* env, LuOffHeapMap* map);
 // in proportion to what changed; a negative index means none. `result` must have room for all.
 // False, with word 0 at 0, when a lock fails on the way; pins already taken stay.
 bool queryRevision(JNIEnv* env, LuOffHeapMap* map, int64_t* result, int32_t bookmark,
-                   const int64_t* starts, const int64_t* ends, int32_t numOwners);
+                   const int64_t* starts, const int64_t* ends, int32_t numOwners,
+                   const ProfiledRun& run);
 // The first value of all queues, or the one behind `value` (null: the first), pinned; null at the
 // end. `lock` takes the map lock for reading and each queue in turn; without it the caller's pins
 // and the absence of writers have to suffice.

@@ -6,6 +6,7 @@
 #include "nb_alloc.h"
 #include "nb_logging.h"
 #include "nb_map.h"
+#include "nb_prof.h"
 
 namespace nimbra {
 
@@ -21,6 +22,14 @@ inline uint32_t javaReason(jint reason) {
 
 // Words that a revision query writes for one entry.
 inline constexpr int64_t kQueryWords = 9;
+
+// The profile of revision queries: the entry point starts the run, the query goes on with it.
+extern ProfileSlot qnp;
+inline constexpr int32_t kQueryPositions = 500;
+inline constexpr char kQueryProfile[] = "queryRevision";
+inline constexpr const char* kQueryLabels[] = {"getArrayElems", "wrlockMap", "growBmkLst",
+                                               "unlockMap",     "rdlockMap", "mainLoop",
+                                               "buildRet",      "unlkAndRel"};
 
 // Takes a queue of a map whose lower queues the thread holds already.
 inline int lockQueueAscending(LuOffHeapQueue* queue) {

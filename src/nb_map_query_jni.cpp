@@ -45,6 +45,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_queryRevisionAnd
     NB_DEBUG_AS(env, "queryRevisionAndPinWithBounds", "Passed in luMapAddress is null.");
     return 0;
   }
+  const ProfiledRun run(qnp, kQueryPositions, kQueryProfile, kQueryLabels);
   const jsize numOwners = env->GetArrayLength(startRevisions);
   const LongElements starts(env, startRevisions);
   // After a failure an exception may be pending, with which no further elements may be asked for.
@@ -55,8 +56,10 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_queryRevisionAnd
                 numOwners, static_cast<void*>(starts.get()), static_cast<void*>(ends.get()));
     return 0;
   }
+  run.point(0);
   queryRevision(env, map, result, bookmarkIndex, starts.get(), ends.get(),
-                std::min(numOwners, env->GetArrayLength(endRevisions)));
+                std::min(numOwners, env->GetArrayLength(endRevisions)), run);
+  run.point(7);
   return 0;
 }
 

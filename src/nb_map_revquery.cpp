@@ -7,6 +7,8 @@
 
 namespace nimbra {
 
+ProfileSlot qnp;
+
 namespace {
 
 constexpr char kQuery[] = "queryRevisionAndPinWithBounds";
@@ -71,11 +73,17 @@ int64_t queryQueue(JNIEnv* env, LuOffHeapRevisionOrderQueue* queue, uint32_t boo
 }  // namespace
 
 bool queryRevision(JNIEnv* env, LuOffHeapMap* map, int64_t* result, int32_t bookmark,
-                   const int64_t* starts, const int64_t* ends, int32_t numOwners) {
+                   const int64_t* starts, const int64_t* ends, int32_t numOwners,
+                   const ProfiledRun& run) {
   const auto index = static_cast<uint32_t>(bookmark);
   if (wrlock(env, map) != 0) return false;
+  run.point(1);
   if (bookmark >= 0) growBookmarks(env, map, index);
-  if (unlock(env, map) != 0 || rdlock(env, map) != 0) return false;
+  run.point(2);
+  if (unlock(env, map) != 0) return false;
+  run.point(3);
+  if (rdlock(env, map) != 0) return false;
+  run.point(4);
   int64_t* words = result + 1;
   int64_t found = 0;
   for (uint32_t owner = 0; owner < static_cast<uint32_t>(numOwners) && owner < map->numQueues;
@@ -92,7 +100,9 @@ bool queryRevision(JNIEnv* env, LuOffHeapMap* map, int64_t* result, int32_t book
       return false;
     }
   }
+  run.point(5);
   result[0] = found;
+  run.point(6);
   unlock(env, map);
   NB_DEBUG_AS(env, kQuery, "found %ld entries for luMap=%p", static_cast<long>(found),
               static_cast<void*>(map));

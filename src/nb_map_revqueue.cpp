@@ -317,6 +317,10 @@ namespace {
 
 constexpr char kUpdate[] = "updateRevisionQueue";
 
+ProfileSlot urqnp;
+constexpr const char* kUpdateLabels[] = {"growGetQue", "lockQue1", "repBkmk",  "remOld",
+                                         "swpQueLck",  "addNew",   "unlckQue2"};
+
 LuOffHeapValue* predecessor(const LuOffHeapValue* value) {
   return static_cast<LuOffHeapValue*>(value->prev);
 }
@@ -334,8 +338,9 @@ bool lockQueueOrRaise(JNIEnv* env, LuOffHeapRevisionOrderQueue* queue, const cha
 
 // REQUIRES: the old queue. Takes the replaced value out of it, bookmarks first.
 bool removeReplaced(JNIEnv* env, LuOffHeapRevisionOrderQueue* oldQueue, LuOffHeapValue* replaced,
-                    LuOffHeapValue* value) {
+                    LuOffHeapValue* value, const ProfiledRun& run) {
   replace_bookmark(env, oldQueue, replaced, predecessor(replaced));
+  run.point(2);
   if (removeFromQueue(env, oldQueue, replaced)) return true;
   NB_ERROR_GENERIC(env, kGenericErrorKey,
                    "error removing old luValue. oldQueue=%p, newLuValue=%p, overriddenLuValue=%p",
@@ -366,6 +371,7 @@ void restoreReplaced(JNIEnv* env, LuOffHeapRevisionOrderQueue* oldQueue,
 bool updateRevisionQueue(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* replaced,
                          LuOffHeapValue* value, int64_t revisionNumber, bool /*flag*/) {
   if (map == nullptr || value == nullptr) return false;
+  const ProfiledRun run(urqnp, 100, "updateRevQueue", kUpdateLabels);
   NB_DEBUG(env,
            "update the revision queues. luMap=%p numQueues=%d newLuValue=%p, "
            "overriddenLuValue=%p",
@@ -374,23 +380,28 @@ bool updateRevisionQueue(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* replace
   LuOffHeapRevisionOrderQueue* oldQueue =
       replaced == nullptr ? nullptr : getQueue(env, map, replaced->revisionOwner);
   LuOffHeapRevisionOrderQueue* newQueue = getQueue(env, map, value->revisionOwner);
+  run.point(0);
   if (oldQueue != nullptr ? !lockQueueOrRaise(env, oldQueue, "lum[3]")
                           : !lockQueueOrRaise(env, newQueue, "lum[4]")) {
     return false;
   }
+  run.point(1);
   NB_DEBUG(env,
            "remove the previous value. oldQueue=%p newQueue=%p newLuValue=%p, "
            "overriddenLuValue=%p",
            static_cast<void*>(oldQueue), static_cast<void*>(newQueue), static_cast<void*>(value),
            static_cast<void*>(replaced));
-  if (replaced != nullptr && oldQueue != nullptr &&
-      !removeReplaced(env, oldQueue, replaced, value)) {
+  if (replaced == nullptr || oldQueue == nullptr) {
+    run.point(2);
+  } else if (!removeReplaced(env, oldQueue, replaced, value, run)) {
     return false;
   }
+  run.point(3);
   if (oldQueue != nullptr && oldQueue != newQueue) {
     unlockQueue(oldQueue);
     if (!lockQueueOrRaise(env, newQueue, "lum[5]")) return false;
   }
+  run.point(4);
   if (revisionNumber != -1) value->revisionNumber = revisionNumber;
   if (!appendToQueue(env, newQueue, value)) {
     NB_ERROR_GENERIC(env, kGenericErrorKey, "appendToQueue returned false lum[20]");
@@ -398,8 +409,10 @@ bool updateRevisionQueue(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* replace
     throw_exception(env, kUpdate, kQueueRemoveMessage);  // the text speaks of removal; it is kept
     return false;
   }
+  run.point(5);
   NB_DEBUG(env, "unlocking newQueue=%p", static_cast<void*>(newQueue));
   unlockQueue(newQueue);
+  run.point(6);
   return true;
 }
 

@@ -18,6 +18,18 @@ void report(WriteOutcome* outcome, WriteOutcome what) {
   if (outcome != nullptr) *outcome = what;
 }
 
+ProfileSlot inp;
+ProfileSlot unp;
+ProfileSlot rnp;
+constexpr int32_t kPositions = 1000;
+constexpr const char* kInsertLabels[] = {"allcLuV", "initOvf", "lockBS",  "ht_in",   "lockOvf",
+                                         "linkOvf", "ulckOvf", "updRevQ", "unpnLuV", "ulckBS"};
+constexpr const char* kUpdateLabels[] = {"lockLuMp", "lockBS",  "getNewQ",  "ht_get",
+                                         "getOldQ",  "unlLuMp", "allocCpy", "unpinUnlock"};
+constexpr const char* kRemoveLabels[] = {
+    "getAndLockBS", "removeMapEntry",     "unpinME", "lockDec", "deletingNativeJava",
+    "unlockMeta",   "removeFromRevQueue", "unlockBS"};
+
 // A record on the stack that carries a key buffer and a hash to a search.
 LuOffHeapValue searchRecord(ByteBufferHeader* keyBuffer, int32_t hashCode, bool isHashCodeGiven) {
   LuOffHeapValue record = {};
@@ -50,7 +62,8 @@ void rollBackInsert(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* value) {
 
 // REQUIRES: the map lock for writing. Links the new value into its chain, pinned JNI_INSERTED_PIN.
 WriteOutcome insertIntoTable(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
-                             uint8_t keyFormat, LuOffHeapValue* value, const EntryHook* hook) {
+                             uint8_t keyFormat, LuOffHeapValue* value, const EntryHook* hook,
+                             const ProfiledRun& run) {
   BucketSet* set = setOf(map, value->hashCode);
   if (lockBucketSet(set) != 0) {
     unlock(env, map);
@@ -58,6 +71,7 @@ WriteOutcome insertIntoTable(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
     NB_ERROR_GENERIC(env, kLockErrorKey, kAcquireLockText, kInsertSetTag);
     return WriteOutcome::failed;
   }
+  run.point(2);
   NB_DEBUG_AS(env, "insertAndPin",
               "insert the new LuOffHeapMap. key=%p, hashCode=%d, value=%p, newLuValue=%p "
               "revOwner=%d, revNum=%d",
@@ -69,6 +83,7 @@ WriteOutcome insertIntoTable(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
       hashtable_insertAndPin(env, caller, map->map, key, keyFormat, value, &inserted, false);
   if (entry != nullptr && hook != nullptr) hook->run(hook->context, env, value);
   unlockBucketSet(set);
+  run.point(3);
   if (entry != nullptr) return WriteOutcome::done;
   unlock(env, map);
   ByteBufferHeader* keyBuffer = value->key;
@@ -101,6 +116,7 @@ LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
              isHashCodeGiven ? "true" : "false");
   }
   report(outcome, WriteOutcome::failed);
+  const ProfiledRun run(inp, kPositions, "insertAndPin", kInsertLabels);
   LuOffHeapValue* created = allocateLuOffHeapMapValue(env, keyBuffer, hashCode, isHashCodeGiven,
                                                       value, revisionOwner, revisionNumber);
   if (created == nullptr) {
@@ -108,15 +124,18 @@ LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
              static_cast<void*>(keyBuffer), hashCode, static_cast<void*>(value));
     return nullptr;
   }
+  run.point(0);
+  run.point(1);
   // Deliberate: a map lock that cannot be had leaves the new value allocated. The contract with
   // Java says so. Pinned by InsertRollback.MapLockFailureLeavesTheValue.
   if (wrlock(env, map) != 0) return nullptr;
 
-  const WriteOutcome linked = insertIntoTable(env, caller, map, key, keyFormat, created, hook);
+  const WriteOutcome linked = insertIntoTable(env, caller, map, key, keyFormat, created, hook, run);
   if (linked != WriteOutcome::done) {
     report(outcome, linked);
     return nullptr;
   }
+  for (int32_t point = 4; point <= 6; point++) run.point(point);
   NB_DEBUG(env, "insert the revision queue. key=%p, hashCode=%d, value=%p, newLuValue=%p",
            static_cast<void*>(keyBuffer), hashCode, static_cast<void*>(value),
            static_cast<void*>(created));
@@ -132,9 +151,12 @@ LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
     rollBackInsert(env, map, created);
     return nullptr;
   }
+  run.point(7);
   if (unlock(env, map) != 0) return nullptr;
   NB_DEBUG(env, "return new value. newLuValue=%p", static_cast<void*>(created));
   unpinLuOffHeapMapValue(env, created, ALLOCATION_PIN);
+  run.point(8);
+  run.point(9);
   report(outcome, WriteOutcome::done);
   return created;
 }
@@ -280,22 +302,26 @@ LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
              isHashCodeGiven ? "true" : "false");
   }
   report(outcome, WriteOutcome::failed);
+  const ProfiledRun run(unp, kPositions, "updateAndGetNewAndPin", kUpdateLabels);
   if (wrlock(env, map) != 0) {
     NB_ERROR_GENERIC(env, kLockErrorKey, kAcquireLockText, kUpdateMapTag);
     return nullptr;
   }
+  run.point(0);
   BucketSet* set = setOf(map, hashCode);
   if (lockBucketSet(set) != 0) {
     NB_ERROR_GENERIC(env, kLockErrorKey, kAcquireLockText, kUpdateSetTag);
     unlock(env, map);
     return nullptr;
   }
+  run.point(1);
   LuOffHeapRevisionOrderQueue* newQueue = getQueue(env, map, revisionOwner);
   if (newQueue == nullptr) {
     unlockBucketSet(set);
     unlock(env, map);
     return nullptr;
   }
+  run.point(2);
   LuOffHeapValue search = searchRecord(keyBuffer, hashCode, isHashCodeGiven);
   auto* existing = static_cast<LuOffHeapValue*>(
       hashtable_getAndPin(env, caller, map->map, key, keyFormat, &search, false, JNI_UPDATED_PIN));
@@ -307,9 +333,11 @@ LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
     report(outcome, WriteOutcome::none);
     return nullptr;
   }
+  run.point(3);
   LuOffHeapRevisionOrderQueue* oldQueue = existing->revisionOwner == revisionOwner
                                               ? newQueue
                                               : getQueue(env, map, existing->revisionOwner);
+  run.point(4);
   LuOffHeapValue* snapshot =
       allocateLuOffHeapMapValue(env, existing->key, existing->hashCode, true, nullptr,
                                 existing->revisionOwner, existing->revisionNumber);
@@ -324,14 +352,17 @@ LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
       !enterNewQueue(env, update, newQueue, revisionNumber) || !releaseMap(env, update, newQueue)) {
     return nullptr;
   }
+  run.point(5);
   if (!swapValue(env, caller, update, newQueue, value)) {
     NB_DEBUG(env, "hashtable update failed.");
     dropUpdate(env, update);
     return nullptr;
   }
+  run.point(6);
   if (hook != nullptr) hook->run(hook->context, env, existing);
   unpinLuOffHeapMapValue(env, existing, JNI_UPDATED_PIN);
   unlockBucketSet(set);
+  run.point(7);
   NB_EXIT(env, "updated LuValue=%p for key=%p", static_cast<void*>(existing),
           static_cast<void*>(keyBuffer));
   report(outcome, WriteOutcome::done);
@@ -346,6 +377,7 @@ LuOffHeapValue* removeAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
   NB_DEBUG(env, "entry. LuMap=%p MapHeader=%p key=%p hashCode=%d", static_cast<void*>(map),
            static_cast<void*>(map->map), static_cast<void*>(keyBuffer), hashCode);
   report(outcome, WriteOutcome::failed);
+  const ProfiledRun run(rnp, kPositions, "removeAndPin", kRemoveLabels);
   BucketSet* set = setOf(map, hashCode);
   NB_DEBUG(env, "lock BucketSet. LuMap=%p MapHeader=%p key=%p hashCode=%d bucketSet=%p",
            static_cast<void*>(map), static_cast<void*>(map->map), static_cast<void*>(keyBuffer),
@@ -354,6 +386,7 @@ LuOffHeapValue* removeAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
     NB_ERROR_GENERIC(env, kLockErrorKey, kAcquireLockText, kRemoveSetTag);
     return nullptr;
   }
+  run.point(0);
   LuOffHeapValue search = searchRecord(keyBuffer, hashCode, isHashCodeGiven);
   auto* removed = static_cast<LuOffHeapValue*>(
       hashtable_removeAndPin(env, caller, map->map, key, keyFormat, &search, false));
@@ -364,9 +397,12 @@ LuOffHeapValue* removeAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
     report(outcome, WriteOutcome::none);
     return nullptr;
   }
+  for (int32_t point = 1; point <= 3; point++) run.point(point);
   NB_DEBUG(env, "remove from the revision queue. key=%p, hashCode=%d, removedEntry=%p",
            static_cast<void*>(keyBuffer), hashCode, static_cast<void*>(removed));
   unlockBucketSet(set);
+  run.point(4);
+  run.point(5);
   if (!removeFromRevisionQueue(env, map, removed)) {
     unpinLuOffHeapMapValue(env, removed, JNI_ROLLBACK_PIN);
     NB_ERROR_GENERIC(env, kLockErrorKey,
@@ -375,6 +411,8 @@ LuOffHeapValue* removeAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
                      static_cast<void*>(keyBuffer), hashCode, static_cast<void*>(removed));
     return nullptr;
   }
+  run.point(6);
+  run.point(7);
   report(outcome, WriteOutcome::done);
   return removed;
 }

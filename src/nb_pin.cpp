@@ -1,11 +1,12 @@
 // Pins: the counts, their traces, and the names of the reasons.
 //
-// State: none. With the trace levels off, a pin costs one compare-and-swap and two byte tests.
+// State: none. With the trace levels off, a pin costs one compare-and-swap and a few byte tests.
 #include <cstdlib>
 
 #include "nb.h"
 #include "nb_atomic.h"
 #include "nb_logging.h"
+#include "nb_pintrack.h"
 
 namespace nimbra {
 
@@ -111,9 +112,12 @@ int32_t pin(JNIEnv* env, Pinnable* object, uint32_t reason) {
   if (logInfo.debug) {
     debug(env, "pin", "enter pin: header=%p, reason=%s", static_cast<void*>(object),
           getReason(reason));
-    traceBacktrace(env, "pin backtrace", object, "Unable to get native backtrace.");
   } else {
     NB_EVENT(env, "enter pin: header=%p, reason=%s", static_cast<void*>(object), getReason(reason));
+  }
+  if (logInfo.pinTracking) recordPin(object, reason);
+  if (logInfo.debug) {
+    traceBacktrace(env, "pin backtrace", object, "Unable to get native backtrace.");
   }
   const auto pins = static_cast<int32_t>(lockIncrement(&object->pins));
   if (logInfo.debug) {
@@ -128,10 +132,13 @@ int32_t unpin(JNIEnv* env, Pinnable* object, uint32_t reason) {
   if (logInfo.debug) {
     debug(env, "unpin", "enter unpin: header=%p, reason=%s", static_cast<void*>(object),
           getReason(reason));
-    traceBacktrace(env, "unpin backtrace", object, "Attempted to backtrace, but failed.");
   } else {
     NB_EVENT(env, "enter unpin: header=%p, reason=%s", static_cast<void*>(object),
              getReason(reason));
+  }
+  if (logInfo.pinTracking) recordUnpin(object, reason);
+  if (logInfo.debug) {
+    traceBacktrace(env, "unpin backtrace", object, "Attempted to backtrace, but failed.");
   }
   const auto pins = static_cast<int32_t>(lockDecrement(&object->pins));
   if (logInfo.debug) {
