@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "nb_hashtable.h"
 #include "nb_lock.h"
 #include "nb_logging.h"
 
@@ -104,17 +105,6 @@ void discardEvents(PinTracker* record) {
 }
 
 }  // namespace
-
-uint64_t hashFn64(uint64_t key) {
-  key -= key << 9;
-  key ^= key >> 14;
-  key -= key << 5;
-  key ^= key << 4;
-  key -= key << 7;
-  key ^= key << 7;
-  key ^= key >> 18;
-  return key;
-}
 
 PinTracker** initTrackerMap() {
   auto** table = static_cast<PinTracker**>(std::calloc(kTrackerBuckets, sizeof(PinTracker*)));

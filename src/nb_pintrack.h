@@ -41,8 +41,6 @@ inline constexpr uint32_t kTrackerBuckets = 500;
 // The heads, or null before the first tracked pin; never freed.
 extern std::atomic<PinTracker**> _tracker;
 
-// Mixes an address into the number that chooses its chain.
-uint64_t hashFn64(uint64_t key);
 // A table of heads, each with its lock; null when the C heap is exhausted.
 PinTracker** initTrackerMap();
 // The object's head. REQUIRES: a table.
