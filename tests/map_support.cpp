@@ -28,6 +28,10 @@ const char* nameOf(LockRank rank) {
     case LockRank::bucketSet: return "bucketSet";
     case LockRank::queue: return "queue";
     case LockRank::node: return "node";
+    case LockRank::pinChain: return "pinChain";
+    case LockRank::pinRecord: return "pinRecord";
+    case LockRank::profileRegistry: return "profileRegistry";
+    case LockRank::profile: return "profile";
   }
   return "?";
 }
@@ -36,6 +40,7 @@ const char* nameOf(LockOp operation) {
   switch (operation) {
     case LockOp::init: return "init";
     case LockOp::lock: return "lock";
+    case LockOp::tryLock: return "tryLock";
     case LockOp::readLock: return "readLock";
     case LockOp::writeLock: return "writeLock";
     case LockOp::unlock: return "unlock";
