@@ -1,5 +1,8 @@
 /** Keeps the entries of a data grid outside the Java heap. */
 module com.velt.rz.corvane.nimbra {
+    requires jdk.jfr;
+    requires transitive java.management;
+
     exports com.velt.rz.corvane.io.offheap;
     exports com.velt.rz.corvane.io.offheap.impl;
     exports com.velt.rz.corvane.io.offheap.overflow;

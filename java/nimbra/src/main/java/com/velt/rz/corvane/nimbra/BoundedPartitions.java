@@ -117,20 +117,21 @@ final class BoundedPartitions {
         this.tickerStart = ticker.getAsLong();
         this.queues = new long[handles.length];
         this.timeQueues = new long[handles.length];
-        String what = "creating map \"" + mapName + "\"";
+        MemoryRequest request =
+                new MemoryRequest("build", mapName, MemoryRequest.UNKNOWN, "creating map \"" + mapName + "\"");
         long made = 0;
         boolean complete = false;
         try {
             made = BoundedNatives.allocateBound(options.maximumBytes, options.maximumEntries);
             if (made == 0) {
-                throw OffHeapMemoryException.refused(what, null);
+                throw request.refuse();
             }
-            allocate(queues, policy != BoundedNatives.NO_POLICY, what);
-            allocate(timeQueues, options.expiring(), what);
-            emptyEntryBytes = measureEmptyEntry(what);
+            allocate(queues, policy != BoundedNatives.NO_POLICY, request);
+            allocate(timeQueues, options.expiring(), request);
+            emptyEntryBytes = measureEmptyEntry(request);
             complete = true;
         } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
-            throw OffHeapMap.refused(what, e);
+            throw request.refuse(e);
         } finally {
             bound = made;
             if (!complete) {
@@ -139,21 +140,21 @@ final class BoundedPartitions {
         }
     }
 
-    private static void allocate(long[] target, boolean wanted, String what) {
+    private static void allocate(long[] target, boolean wanted, MemoryRequest request) {
         for (int partition = 0; wanted && partition < target.length; partition++) {
             target[partition] = QUEUES.allocateQueue();
             if (target[partition] == 0) {
-                throw OffHeapMemoryException.refused(what, null);
+                throw request.refuse();
             }
         }
     }
 
     /** Stores an empty entry under a bound without limits and looks what it was counted as. */
-    private long measureEmptyEntry(String what) {
+    private long measureEmptyEntry(MemoryRequest request) {
         byte[] empty = {};
         long unlimited = BoundedNatives.allocateBound(0, 0);
         if (unlimited == 0) {
-            throw OffHeapMemoryException.refused(what, null);
+            throw request.refuse();
         }
         try {
             int stored = BoundedNatives.put(
@@ -170,7 +171,7 @@ final class BoundedPartitions {
                     0,
                     BoundedNatives.PUT);
             if (stored != 1) {
-                throw OffHeapMemoryException.refused(what, null);
+                throw request.refuse();
             }
             long bytes = BoundedNatives.bytes(unlimited);
             BoundedNatives.clear(handles[0], unlimited, 0, 0);
@@ -221,7 +222,7 @@ final class BoundedPartitions {
                         wantedMode);
                 crowded = executor != null && isCrowded();
             } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
-                RuntimeException raised = OffHeapMap.refused(describe(operation, key, value), e);
+                RuntimeException raised = request(operation, key, value).convert(e);
                 if (!(raised instanceof OffHeapMemoryException refused)) {
                     throw raised;
                 }
@@ -254,7 +255,8 @@ final class BoundedPartitions {
             } else if (mayComeYet(fruitless++, outcome, operation)) {
                 pause(fruitless);
             } else {
-                throw refusal != null ? refusal : exhausted(outcome, operation, key, value);
+                MemoryRequest request = request(operation, key, value);
+                throw request.record(refusal != null ? refusal : exhausted(outcome, request));
             }
         }
     }
@@ -284,10 +286,11 @@ final class BoundedPartitions {
     private void checkFits(byte[] key, byte[] value, String operation) {
         long bytes = entryBytes(key.length, value.length);
         if (bytes > maximumBytes) {
-            throw new OffHeapMemoryException(
-                    describe(operation, key, value) + ": the entry takes " + bytes
-                            + " bytes, more than the map's limit of " + maximumBytes + "; nothing was evicted for it",
-                    null);
+            MemoryRequest request = request(operation, key, value);
+            throw request.record(new OffHeapMemoryException(
+                    request.what() + ": the entry takes " + bytes + " bytes, more than the map's limit of "
+                            + maximumBytes + "; nothing was evicted for it",
+                    null));
         }
     }
 
@@ -296,19 +299,20 @@ final class BoundedPartitions {
         long bytes = entryBytes(key.length, value.length);
         long maximum = Nimbra.get().stats().maximumBytes();
         if (bytes > maximum) {
-            throw new OffHeapMemoryException(
-                    describe(operation, key, value) + ": the entry takes " + bytes
-                            + " bytes, more than the process may hold, " + maximum + "; nothing was evicted for it",
-                    refusal);
+            MemoryRequest request = request(operation, key, value);
+            throw request.record(new OffHeapMemoryException(
+                    request.what() + ": the entry takes " + bytes + " bytes, more than the process may hold, " + maximum
+                            + "; nothing was evicted for it",
+                    refusal));
         }
     }
 
-    private OffHeapMemoryException exhausted(int outcome, String operation, byte[] key, byte[] value) {
-        String what = describe(operation, key, value);
+    private static OffHeapMemoryException exhausted(int outcome, MemoryRequest request) {
         if (outcome != BoundedNatives.NO_ROOM) {
-            return OffHeapMemoryException.refused(what, null);
+            return OffHeapMemoryException.refused(request.what(), null);
         }
-        return new OffHeapMemoryException(what + ": no room within the map's limits, and nothing left to evict", null);
+        return new OffHeapMemoryException(
+                request.what() + ": no room within the map's limits, and nothing left to evict", null);
     }
 
     /** The bytes that the bound counts for an entry. */
@@ -491,6 +495,10 @@ final class BoundedPartitions {
             int partition, int count, EvictionCause cause, long now, String operation, byte[] watched, boolean[] seen) {
         long[] out = EVICTED.get();
         int evicted;
+        EvictionEvent event = new EvictionEvent();
+        if (event.isEnabled()) {
+            event.begin();
+        }
         gates.enter(partition, operation);
         try {
             evicted = BoundedNatives.evict(
@@ -507,9 +515,24 @@ final class BoundedPartitions {
         }
         if (evicted > 0) {
             (cause == EvictionCause.SIZE ? sizeEvictions : expirations).add(evicted);
+            record(event, out, evicted, cause);
             announce(out, evicted, cause, watched, seen);
         }
         return evicted;
+    }
+
+    /** REQUIRES: the entries are still pinned. */
+    private void record(EvictionEvent event, long[] out, int evicted, EvictionCause cause) {
+        if (!event.shouldCommit()) {
+            return;
+        }
+        event.map = mapName;
+        event.cause = cause.name();
+        event.entries = evicted;
+        for (int entry = 0; entry < evicted; entry++) {
+            event.bytes += out[entry * FIELDS + 1] + out[entry * FIELDS + 3];
+        }
+        event.commit();
     }
 
     /** Drops the pins of evicted entries, whatever happens, and tells the listener. */
@@ -678,7 +701,7 @@ final class BoundedPartitions {
         return timeToLive == 0 ? 0 : ticker.getAsLong() - tickerStart;
     }
 
-    private String describe(String operation, byte[] key, byte[] value) {
-        return OffHeapMap.describe(mapName, operation, key, value);
+    private MemoryRequest request(String operation, byte[] key, byte[] value) {
+        return MemoryRequest.entry(operation, mapName, key, value);
     }
 }

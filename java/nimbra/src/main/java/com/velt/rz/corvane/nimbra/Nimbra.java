@@ -1,6 +1,10 @@
 package com.velt.rz.corvane.nimbra;
 
 import com.velt.rz.corvane.io.offheap.OffHeapManager;
+import com.velt.rz.corvane.io.offheap.util.OffHeapLogger;
+import java.util.EnumSet;
+import java.util.List;
+import java.util.Set;
 
 /**
  * The off-heap runtime of this process. There is one, since the native library keeps its limits in the process; it is
@@ -26,10 +30,12 @@ public final class Nimbra {
 
     private final long maximumBytes;
     private final OffHeapManager manager;
+    private final Diagnostics diagnostics;
 
     private Nimbra(long maximumBytes, OffHeapManager manager) {
         this.maximumBytes = maximumBytes;
         this.manager = manager;
+        this.diagnostics = new Diagnostics(this, manager);
     }
 
     /** Returns a builder with no limit set; {@link Builder#maximumBytes} is required. */
@@ -75,9 +81,17 @@ public final class Nimbra {
                 MapNatives.hardCapLimit());
     }
 
+    /** Returns the levels, the reports and the management bean of this runtime; always the same object. */
+    public Diagnostics diagnostics() {
+        return diagnostics;
+    }
+
     /** The limits of the runtime. Not thread safe; {@link #start} is. */
     public static final class Builder {
         private long maximumBytes;
+
+        /** Null: as configured. */
+        private Set<TraceLevel> levels;
 
         private Builder() {}
 
@@ -97,10 +111,26 @@ public final class Nimbra {
         }
 
         /**
-         * Starts the runtime, or returns it when it runs with the same limits.
+         * Sets the levels, before anything is allocated; by default those of the system property {@value
+         * OffHeapLogger#LEVEL_PROPERTY}. The one place where pin tracking can be turned on for a process that never
+         * gets rid of all its maps.
          *
-         * @throws IllegalStateException when no maximum was set, when the runtime runs with other limits, or when the
-         *     native library could not start
+         * @param levels exactly these; none for silence
+         */
+        public Builder traceLevels(TraceLevel... levels) {
+            EnumSet<TraceLevel> wanted = EnumSet.noneOf(TraceLevel.class);
+            wanted.addAll(List.of(levels));
+            this.levels = wanted;
+            return this;
+        }
+
+        /**
+         * Starts the runtime, or returns it when it runs with the same limits, with the levels that were set here, if
+         * any.
+         *
+         * @throws IllegalStateException when no maximum was set, when the runtime runs with other limits, when the
+         *     native library could not start, or when it runs already and {@link Diagnostics#setLevels} refuses the
+         *     levels
          * @throws UnsatisfiedLinkError when there is no native library for this platform; the message lists the places
          *     that were tried
          */
@@ -110,22 +140,27 @@ public final class Nimbra {
             }
             synchronized (STARTING) {
                 if (started == null) {
-                    started = new Nimbra(maximumBytes, initialize(maximumBytes));
+                    OffHeapManager manager = new OffHeapManager();
+                    if (levels != null) {
+                        Diagnostics.configure(manager, levels);
+                    }
+                    initialize(manager, maximumBytes);
+                    started = new Nimbra(maximumBytes, manager);
                 } else if (started.maximumBytes != maximumBytes) {
                     throw new IllegalStateException("Nimbra already runs with maximumBytes " + started.maximumBytes
                             + " and cannot be started again with maximumBytes " + maximumBytes);
+                } else if (levels != null) {
+                    started.diagnostics.setLevels(levels);
                 }
                 return started;
             }
         }
 
-        private static OffHeapManager initialize(long maximumBytes) {
-            OffHeapManager manager = new OffHeapManager();
+        private static void initialize(OffHeapManager manager, long maximumBytes) {
             if (!manager.initializeOffHeap(maximumBytes, 0, 0, false)) {
                 throw new IllegalStateException("the native library did not start with maximumBytes " + maximumBytes
                         + "; its log names the step that failed");
             }
-            return manager;
         }
     }
 }

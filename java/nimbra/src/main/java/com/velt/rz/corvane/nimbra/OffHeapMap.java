@@ -44,10 +44,6 @@ public final class OffHeapMap implements AutoCloseable {
     /** The greatest length of a value, in bytes: 1 GiB, the most that one direct view spans. */
     public static final int MAX_VALUE_LENGTH = PhantomWindows.MAX_LENGTH;
 
-    private static final int SCAN_FIELDS = 5;
-    private static final int SCAN_ENTRIES = 64;
-    private static final String REFUSAL = "All available memory is used";
-
     private static final AtomicInteger MAPS_MADE = new AtomicInteger();
     private static final SecureRandom RANDOM = new SecureRandom();
 
@@ -138,7 +134,7 @@ public final class OffHeapMap implements AutoCloseable {
         try {
             outcome = MapNatives.put(handles[partition], key, (int) hash, value, revisions.incrementAndGet());
         } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
-            throw refused(describe("put", key, value), e);
+            throw request("put", key, value).refuse(e);
         } finally {
             gates.exit(partition);
         }
@@ -168,7 +164,7 @@ public final class OffHeapMap implements AutoCloseable {
         try {
             outcome = MapNatives.putIfAbsent(handles[partition], key, (int) hash, value, revisions.incrementAndGet());
         } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
-            throw refused(describe("putIfAbsent", key, value), e);
+            throw request("putIfAbsent", key, value).refuse(e);
         } finally {
             gates.exit(partition);
         }
@@ -198,7 +194,7 @@ public final class OffHeapMap implements AutoCloseable {
         try {
             outcome = MapNatives.replace(handles[partition], key, (int) hash, value, revisions.incrementAndGet());
         } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
-            throw refused(describe("replace", key, value), e);
+            throw request("replace", key, value).refuse(e);
         } finally {
             gates.exit(partition);
         }
@@ -373,23 +369,11 @@ public final class OffHeapMap implements AutoCloseable {
      */
     public void forEach(BiConsumer<? super byte[], ? super byte[]> consumer) {
         Objects.requireNonNull(consumer, "consumer");
-        long[] found = new long[SCAN_ENTRIES * SCAN_FIELDS];
-        long[] cursor = new long[2];
-        for (int partition = 0; partition < handles.length; partition++) {
-            cursor[0] = 0;
-            cursor[1] = 0;
-            while (cursor[0] != -1) {
-                int count = scan(partition, cursor, found);
-                if (count < 0) {
-                    found = new long[Math.multiplyExact(-count, SCAN_FIELDS)];
-                } else {
-                    handOver(found, count, consumer);
-                }
-            }
-        }
+        EntryWalk.run(this, consumer);
     }
 
-    private int scan(int partition, long[] cursor, long[] found) {
+    /** One step of a walk over a partition, as {@link MapNatives#scan} describes it. */
+    int scan(int partition, long[] cursor, long[] found) {
         if (bounded != null) {
             bounded.collectAll(partition, "forEach");
         }
@@ -398,22 +382,6 @@ public final class OffHeapMap implements AutoCloseable {
             return MapNatives.scan(handles[partition], cursor, found);
         } finally {
             gates.exit(partition);
-        }
-    }
-
-    /** Passes scanned entries on and drops their pins, whatever happens in between. */
-    private static void handOver(long[] found, int count, BiConsumer<? super byte[], ? super byte[]> consumer) {
-        try {
-            for (int entry = 0; entry < count; entry++) {
-                int at = entry * SCAN_FIELDS;
-                byte[] key = copy(found[at], found[at + 1]);
-                byte[] value = copy(found[at + 2], found[at + 3]);
-                consumer.accept(key, value);
-            }
-        } finally {
-            if (count > 0) {
-                MapNatives.unpinAll(found, 0, count);
-            }
         }
     }
 
@@ -435,14 +403,26 @@ public final class OffHeapMap implements AutoCloseable {
             if (closed) {
                 throw gates.closed("clear");
             }
+            ClearEvent event = new ClearEvent();
+            boolean recorded = event.isEnabled();
+            if (recorded) {
+                event.begin();
+            }
             boolean cleared = true;
             for (int partition = 0; partition < handles.length; partition++) {
                 gates.exclude(partition);
                 try {
+                    if (recorded) {
+                        event.entries += natives.size(handles[partition]);
+                    }
                     cleared &= bounded != null ? bounded.clear(partition) : natives.clear(handles[partition]);
                 } finally {
                     gates.readmit(partition);
                 }
+            }
+            if (event.shouldCommit()) {
+                event.map = name;
+                event.commit();
             }
             if (!cleared) {
                 throw lockFailure("clear");
@@ -563,7 +543,8 @@ public final class OffHeapMap implements AutoCloseable {
         try {
             BoundedNatives.query(handles[partition], result, bookmark, start, end);
         } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
-            throw refused("changesSince on map \"" + name + "\"", e);
+            String what = "changesSince on map \"" + name + "\"";
+            throw new MemoryRequest("changesSince", name, MemoryRequest.UNKNOWN, what).refuse(e);
         } finally {
             gates.exit(partition);
         }
@@ -590,6 +571,11 @@ public final class OffHeapMap implements AutoCloseable {
             throw new IllegalStateException("map \"" + name + "\" records no statistics");
         }
         return bounded.statistics();
+    }
+
+    /** Returns whether {@link #statistics} has something to return; also after {@link #close}. */
+    public boolean recordsStatistics() {
+        return bounded != null;
     }
 
     /** The part that a map with limits, an expiry or statistics has, or null. */
@@ -637,33 +623,13 @@ public final class OffHeapMap implements AutoCloseable {
 
     private boolean succeeded(int outcome, String operation, byte[] key, byte[] value) {
         if (outcome < 0) {
-            throw OffHeapMemoryException.refused(describe(operation, key, value), null);
+            throw request(operation, key, value).refuse();
         }
         return outcome == 1;
     }
 
-    /**
-     * Turns what a native raised into the exception of this face where it was a refusal, and passes it on as it is where
-     * it was not: natives raise the same classes for locks that fail, and the heap runs out with the same class too.
-     */
-    static RuntimeException refused(String what, Throwable raised) {
-        String text = raised.getMessage();
-        if (raised instanceof NotEnoughResourcesException || text != null && text.contains(REFUSAL)) {
-            return OffHeapMemoryException.refused(what, raised);
-        }
-        if (raised instanceof Error error) {
-            throw error;
-        }
-        return (RuntimeException) raised;
-    }
-
-    private String describe(String operation, byte[] key, byte[] value) {
-        return describe(name, operation, key, value);
-    }
-
-    static String describe(String name, String operation, byte[] key, byte[] value) {
-        return operation + " on map \"" + name + "\" with a key of " + key.length + " bytes and a value of "
-                + value.length + " bytes";
+    private MemoryRequest request(String operation, byte[] key, byte[] value) {
+        return MemoryRequest.entry(operation, name, key, value);
     }
 
     private IllegalStateException lockFailure(String operation) {
@@ -836,18 +802,23 @@ public final class OffHeapMap implements AutoCloseable {
             String mapName = name != null ? name : "map-" + id;
             LuOffHeapMapImpl natives = new LuOffHeapMapImpl();
             long[] handles = new long[partitions];
-            String what = "creating map \"" + mapName + "\" with " + partitions + " partitions";
+            MemoryRequest request = new MemoryRequest(
+                    "build",
+                    mapName,
+                    bytesNeeded(),
+                    "creating map \"" + mapName + "\" with " + partitions + " partitions");
             // A table that is refused halfway keeps what it has got, so the room is looked for beforehand.
             if (stats.bytesInUse() + bytesNeeded() >= stats.maximumBytes()) {
-                throw OffHeapMemoryException.refused(what, null);
+                throw request.refuse();
             }
             int made = 0;
             boolean complete = false;
+            Diagnostics.BIRTHS.readLock().lock();
             try {
                 for (; made < partitions; made++) {
                     handles[made] = natives.allocateLuOffHeapMap(0, bucketSets, loadFactor, id, 0);
                     if (handles[made] == 0) {
-                        throw OffHeapMemoryException.refused(what, null);
+                        throw request.refuse();
                     }
                 }
                 PartitionGates gates = new PartitionGates(mapName, partitions);
@@ -858,8 +829,9 @@ public final class OffHeapMap implements AutoCloseable {
                 complete = true;
                 return map;
             } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
-                throw refused(what, e);
+                throw request.refuse(e);
             } finally {
+                Diagnostics.BIRTHS.readLock().unlock();
                 if (!complete) {
                     release(natives, handles, made);
                 }

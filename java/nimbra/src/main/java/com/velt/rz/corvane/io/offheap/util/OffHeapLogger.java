@@ -2,6 +2,8 @@ package com.velt.rz.corvane.io.offheap.util;
 
 import java.lang.System.Logger;
 import java.lang.System.Logger.Level;
+import java.util.ArrayList;
+import java.util.List;
 import java.util.Locale;
 
 /**
@@ -55,8 +57,11 @@ public final class OffHeapLogger {
     /** Timing of the phases of write operations. */
     public static final int PROFILING = 0x400;
 
-    /** Recording of every pin and unpin. */
+    /** Recording of every pin and unpin; the report shows objects with outstanding pins. */
     public static final int PINTRACK = 0x800;
+
+    /** Recording of every pin and unpin; the report shows balanced objects as well. */
+    public static final int PINTRACK_ALL = 0x1000;
 
     /** The level word without configuration: warnings, errors and fatal errors. */
     public static final int DEFAULT_LEVEL = WARNING | ERROR | FATAL;
@@ -75,6 +80,9 @@ public final class OffHeapLogger {
     }
 
     private static final Logger LOGGER = System.getLogger(LOGGER_NAME);
+
+    /** Where {@link #collectInfo} on this thread puts info records; unset otherwise. */
+    private static final ThreadLocal<List<String>> COLLECTED = new ThreadLocal<>();
 
     private static volatile Sink sink;
     private static volatile int logLevel = configuredLevel(System.getProperty(LEVEL_PROPERTY));
@@ -106,6 +114,33 @@ public final class OffHeapLogger {
         Sink previous = sink;
         sink = newSink;
         return previous;
+    }
+
+    /**
+     * Runs an action and returns the info records that native code makes on this thread meanwhile, in order, beside
+     * handing them to the sink and the logger as always. Records that those two cause themselves are not among them.
+     * The info level has to be on.
+     *
+     * @param action calls a native; what it throws is passed on
+     */
+    public static List<String> collectInfo(Runnable action) {
+        List<String> outer = COLLECTED.get();
+        List<String> lines = new ArrayList<>();
+        COLLECTED.set(lines);
+        try {
+            action.run();
+        } finally {
+            restore(outer);
+        }
+        return lines;
+    }
+
+    private static void restore(List<String> lines) {
+        if (lines == null) {
+            COLLECTED.remove();
+        } else {
+            COLLECTED.set(lines);
+        }
     }
 
     /**
@@ -144,6 +179,8 @@ public final class OffHeapLogger {
                 return PROFILING;
             case "pintrack":
                 return PINTRACK;
+            case "pintrack_all":
+                return PINTRACK_ALL;
             default:
                 return parseNumber(part, whole);
         }
@@ -231,7 +268,16 @@ public final class OffHeapLogger {
 
     /** Called by native code. */
     public static void info(char[] text) {
-        record("info", Level.INFO, text);
+        List<String> lines = COLLECTED.get();
+        if (lines != null) {
+            lines.add(new String(text));
+            COLLECTED.remove();
+        }
+        try {
+            record("info", Level.INFO, text);
+        } finally {
+            restore(lines);
+        }
     }
 
     /** Called by native code: an error with a message key in front. */
