@@ -17,28 +17,8 @@ final class NimbraBean implements NimbraMXBean {
     }
 
     @Override
-    public long getBlocks() {
-        return nimbra.stats().blocks();
-    }
-
-    @Override
-    public long getBytesInUse() {
-        return nimbra.stats().bytesInUse();
-    }
-
-    @Override
-    public long getInternalMetadataBytes() {
-        return nimbra.stats().internalMetadataBytes();
-    }
-
-    @Override
-    public long getMaximumBytes() {
-        return nimbra.stats().maximumBytes();
-    }
-
-    @Override
-    public long getHardCapBytes() {
-        return nimbra.stats().hardCapBytes();
+    public NimbraStats getStats() {
+        return nimbra.stats();
     }
 
     @Override
@@ -71,7 +51,13 @@ final class NimbraBean implements NimbraMXBean {
 
     @Override
     public List<PinnedObject> pinReport() {
-        return diagnostics.pinReport().objects().stream().map(PinnedObject::new).collect(Collectors.toList());
+        return diagnostics.pinReport().objects().stream()
+                .map(object -> new PinnedObject(
+                        "0x" + Long.toHexString(object.address()),
+                        object.recordedEvents(),
+                        object.outstandingPins(),
+                        object.outstandingByReason()))
+                .collect(Collectors.toList());
     }
 
     @Override
@@ -85,11 +71,8 @@ final class NimbraBean implements NimbraMXBean {
     }
 
     @Override
-    public List<PhaseTime> profileReport() {
-        return diagnostics.profileReport().operations().stream()
-                .flatMap(operation ->
-                        operation.phases().stream().map(phase -> new PhaseTime(operation.operation(), phase)))
-                .collect(Collectors.toList());
+    public ProfileReport profileReport() {
+        return diagnostics.profileReport();
     }
 
     @Override

@@ -9,20 +9,8 @@ import java.util.Set;
  * it.
  */
 public interface NimbraMXBean {
-    /** Returns the live native blocks. */
-    long getBlocks();
-
-    /** Returns the bytes in use, in whole pages. */
-    long getBytesInUse();
-
-    /** Returns the bytes of structures that do not belong to single entries. */
-    long getInternalMetadataBytes();
-
-    /** Returns the most bytes that may be in use. */
-    long getMaximumBytes();
-
-    /** Returns 97 % of the maximum. */
-    long getHardCapBytes();
+    /** Returns the figures of {@link Nimbra#stats}. */
+    NimbraStats getStats();
 
     /** Returns how many operations have ended in an {@link OffHeapMemoryException}. */
     long getRefusedOperations();
@@ -47,8 +35,8 @@ public interface NimbraMXBean {
     /** As {@link Diagnostics#discardPins}. */
     void discardPins();
 
-    /** Returns the phases of all operations of {@link Diagnostics#profileReport} that are ready. */
-    List<PhaseTime> profileReport();
+    /** As {@link Diagnostics#profileReport}. */
+    ProfileReport profileReport();
 
     /** Returns the text of {@link Diagnostics#profileReport}, one line after the other. */
     String profileReportText();
@@ -56,63 +44,14 @@ public interface NimbraMXBean {
     /** Returns the native allocator's own report. */
     String allocatorStatistics();
 
-    /** One object of a pin report. Immutable. */
-    final class PinnedObject {
-        private final PinReport.TrackedObject object;
-
-        PinnedObject(PinReport.TrackedObject object) {
-            this.object = object;
-        }
-
-        /** Returns where its record starts, in hexadecimal. */
-        public String getAddress() {
-            return "0x" + Long.toHexString(object.address());
-        }
-
-        /** Returns the number of its pins and unpins. */
-        public int getRecordedEvents() {
-            return object.recordedEvents();
-        }
-
-        /** Returns its pins minus its unpins. */
-        public int getOutstandingPins() {
-            return object.outstandingPins();
-        }
-
-        /** Returns the same for each reason that is not balanced. */
-        public Map<String, Integer> getOutstandingByReason() {
-            return object.outstandingByReason();
-        }
-    }
-
-    /** One phase of an operation. Immutable. */
-    final class PhaseTime {
-        private final String operation;
-        private final ProfileReport.Phase phase;
-
-        PhaseTime(String operation, ProfileReport.Phase phase) {
-            this.operation = operation;
-            this.phase = phase;
-        }
-
-        /** Returns the native name of the operation. */
-        public String getOperation() {
-            return operation;
-        }
-
-        /** Returns the label of the phase. */
-        public String getPhase() {
-            return phase.label();
-        }
-
-        /** Returns the mean microseconds from the start of the operation to the end of the phase. */
-        public long getMeanMicros() {
-            return phase.meanMicros();
-        }
-
-        /** Returns the phase's own share of that. */
-        public long getDurationMicros() {
-            return phase.durationMicros();
-        }
-    }
+    /**
+     * One object of a pin report; its events stand in the text.
+     *
+     * @param address where its record starts, in hexadecimal
+     * @param recordedEvents its pins and unpins
+     * @param outstandingPins its pins minus its unpins
+     * @param outstandingByReason the same for each reason that is not balanced
+     */
+    record PinnedObject(
+            String address, int recordedEvents, int outstandingPins, Map<String, Integer> outstandingByReason) {}
 }

@@ -40,6 +40,8 @@ class OffHeapLoggerTest {
                 "fatal; 512",
                 "profiling; 1024",
                 "pintrack; 2048",
+                "pintrack_all; 4096",
+                "PinTrack_All,info; 4128",
                 "debug,event; 3",
                 "'  Debug , FATAL '; 513",
                 "0x10,error,3; 275",
@@ -86,6 +88,47 @@ class OffHeapLoggerTest {
             assertEquals(0x1ff, OffHeapLogger.getLogLevel());
         } finally {
             OffHeapLogger.setLogLevel(before);
+        }
+    }
+
+    @Test
+    void infoRecordsOfThisThreadAreCollected() throws InterruptedException {
+        List<String> seen = new ArrayList<>();
+        List<String> inner = new ArrayList<>();
+        OffHeapLogger.Sink before = OffHeapLogger.setSink((method, key, text) -> {
+            seen.add(text);
+            if (text.equals("first")) {
+                // A record that the sink causes is its own affair.
+                OffHeapLogger.info("caused by the sink".toCharArray());
+            }
+        });
+        try {
+            List<String> outer = OffHeapLogger.collectInfo(() -> {
+                OffHeapLogger.info("first".toCharArray());
+                OffHeapLogger.audit("not info".toCharArray());
+                inner.addAll(OffHeapLogger.collectInfo(() -> OffHeapLogger.info("inner".toCharArray())));
+                Thread other = new Thread(() -> OffHeapLogger.info("other thread".toCharArray()));
+                other.start();
+                try {
+                    other.join();
+                } catch (InterruptedException e) {
+                    throw new IllegalStateException(e);
+                }
+                OffHeapLogger.info("last".toCharArray());
+            });
+            OffHeapLogger.info("after".toCharArray());
+            assertEquals(List.of("first", "last"), outer);
+            assertEquals(List.of("inner"), inner);
+            assertEquals(
+                    List.of("first", "caused by the sink", "not info", "inner", "other thread", "last", "after"), seen);
+            assertThrows(
+                    ArithmeticException.class,
+                    () -> OffHeapLogger.collectInfo(() -> {
+                        throw new ArithmeticException();
+                    }));
+            assertEquals(List.of(), OffHeapLogger.collectInfo(() -> {}));
+        } finally {
+            OffHeapLogger.setSink(before);
         }
     }
 
