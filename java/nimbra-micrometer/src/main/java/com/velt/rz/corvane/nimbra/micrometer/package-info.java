@@ -1,0 +1,2 @@
+/** Meters for Micrometer. */
+package com.velt.rz.corvane.nimbra.micrometer;
