@@ -23,7 +23,7 @@ export JOBS
 .PHONY: help
 help: ## list the targets
 	@echo 'Targets:'
-	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 12 | sed 's/^/  /'
+	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 20 | sed 's/^/  /'
 	@echo 'Variables:'
 	@sed -n 's/^#   \([A-Z_]*\)/  \1/p' $(MAKEFILE_LIST)
 
@@ -68,7 +68,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native demo bench check format
+.PHONY: test test-native demo demo-diagnostics bench check format
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -80,6 +80,10 @@ test-native: build/debug/build.ninja
 demo: ## keep every class file of the JDK off heap and check each byte (ARGS="--input DIR")
 demo: java
 	@tools/demo.sh $(ARGS)
+
+demo-diagnostics: ## plant a leaked pin and a slow phase, and find both
+demo-diagnostics: java
+	@tools/demo.sh diagnostics
 
 bench: ## run the native and the Java benchmarks (ARGS: options for the Java ones)
 bench: java
