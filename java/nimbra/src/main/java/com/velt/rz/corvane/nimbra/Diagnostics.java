@@ -150,7 +150,8 @@ public final class Diagnostics {
 
     /**
      * Reports who holds pins. The objects are visited one part of the table at a time, so with others at work the report
-     * is no snapshot; pins and unpins wait while their part is being written.
+     * is no snapshot; pins and unpins wait while their part is being written. An entry of an open map takes some hundred
+     * lines: a report over many of them needs much heap.
      *
      * @return an empty report, for which no native is called, while pin tracking is off; otherwise what the library
      *     writes to the trace, whether or not {@link TraceLevel#INFO} is on

