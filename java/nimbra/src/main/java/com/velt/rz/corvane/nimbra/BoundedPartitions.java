@@ -387,7 +387,8 @@ final class BoundedPartitions {
                     key,
                     hash,
                     now,
-                    deadlineAfterAccess(now));
+                    deadlineAfterAccess(now),
+                    null);
         } finally {
             gates.exit(partition);
         }

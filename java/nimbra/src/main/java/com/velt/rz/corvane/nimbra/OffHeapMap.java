@@ -218,7 +218,7 @@ public final class OffHeapMap implements AutoCloseable {
         }
         gates.enter(partition, "get");
         try {
-            return MapNatives.get(handles[partition], key, (int) hash);
+            return MapNatives.get(handles[partition], key, (int) hash, null);
         } finally {
             gates.exit(partition);
         }
