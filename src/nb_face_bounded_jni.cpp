@@ -550,6 +550,20 @@ jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_evict(JNIEnv* env, jclass, j
 
 // ---- Changes -------------------------------------------------------------------------------
 
+namespace {
+
+// With disk overflow, buffers alone stay pinned for Java: a record must not outlive its map, and a
+// node must not stay locked while Java's callers run. A value on disk is looked up by its key later.
+void letRecordsGo(JNIEnv* env, const int64_t* words) {
+  for (int64_t i = 0; i < words[0]; i++) {
+    auto* value = fromHandle<LuOffHeapValue>(words[1 + i * kQueryWords]);
+    overflow_metadata_unlock(env, "QueryRevision", nodeOf(value));
+    unpinLuOffHeapMapValue(env, value, JNI_QUERYREVISION_PIN);
+  }
+}
+
+}  // namespace
+
 void Java_com_velt_rz_corvane_nimbra_BoundedNatives_query(JNIEnv* env, jclass, jlong map,
                                                           jobject result, jint bookmark,
                                                           jlong start, jlong end) {
@@ -563,6 +577,7 @@ void Java_com_velt_rz_corvane_nimbra_BoundedNatives_query(JNIEnv* env, jclass, j
     throw_exception(env, __func__, "A revision query failed to lock the map or its queue.");
   }
   run.point(7);
+  if (_isDiskOverflowEnabled) letRecordsGo(env, words);
 }
 
 void Java_com_velt_rz_corvane_nimbra_BoundedNatives_releaseQueried(JNIEnv* env, jclass,
@@ -571,8 +586,6 @@ void Java_com_velt_rz_corvane_nimbra_BoundedNatives_releaseQueried(JNIEnv* env, 
   constexpr uint32_t kTransport = JAVA_TRANSPORT_PIN | JNI_CONVERT_FROM_JAVA_PIN;
   unpinToFree(env, headerOfData(fromHandle<void>(keyData)), kTransport);
   if (valueData != 0) unpinToFree(env, headerOfData(fromHandle<void>(valueData)), kTransport);
-  if (_isDiskOverflowEnabled) {
-    overflow_metadata_unlock(env, "QueryRevision", nodeOf(fromHandle<LuOffHeapValue>(valueRecord)));
-  }
+  if (_isDiskOverflowEnabled) return;
   unpinLuOffHeapMapValue(env, fromHandle<LuOffHeapValue>(valueRecord), JNI_QUERYREVISION_PIN);
 }

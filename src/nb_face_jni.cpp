@@ -220,7 +220,7 @@ void Java_com_velt_rz_corvane_nimbra_MapNatives_unpinAll(JNIEnv* env, jclass, jl
     unpinToFree(env, headerOfData(fromHandle<void>(words[0])), JNI_GET_PIN);
     if (words[2] != 0) {
       unpinToFree(env, headerOfData(fromHandle<void>(words[2])), JNI_GET_PIN);
-    } else {
+    } else if (words[3] != 0) {
       unpinLuOffHeapMapValue(env, fromHandle<LuOffHeapValue>(words[3]), JNI_GET_PIN);
     }
   }

@@ -4,7 +4,8 @@ import java.util.function.BiConsumer;
 
 /** The walk behind {@link OffHeapMap#forEach}: some entries at a time are pinned, copied and handed over. */
 final class EntryWalk {
-    private static final int FIELDS = 5;
+    static final int FIELDS = 5;
+
     private static final int ENTRIES = 64;
 
     private EntryWalk() {}
@@ -12,28 +13,31 @@ final class EntryWalk {
     /** Hands every entry of the map to the consumer, partition by partition; no lock is held while that runs. */
     static void run(OffHeapMap map, BiConsumer<? super byte[], ? super byte[]> consumer) {
         long[] found = new long[ENTRIES * FIELDS];
+        byte[][] onDisk = new byte[ENTRIES][];
         long[] cursor = new long[2];
         for (int partition = 0; partition < map.partitions(); partition++) {
             cursor[0] = 0;
             cursor[1] = 0;
             while (cursor[0] != -1) {
-                int count = map.scan(partition, cursor, found);
+                int count = map.scan(partition, cursor, found, onDisk);
                 if (count < 0) {
                     found = new long[Math.multiplyExact(-count, FIELDS)];
+                    onDisk = new byte[-count][];
                 } else {
-                    handOver(found, count, consumer);
+                    handOver(found, count, onDisk, consumer);
                 }
             }
         }
     }
 
     /** Passes scanned entries on and drops their pins, whatever happens in between. */
-    private static void handOver(long[] found, int count, BiConsumer<? super byte[], ? super byte[]> consumer) {
+    private static void handOver(
+            long[] found, int count, byte[][] onDisk, BiConsumer<? super byte[], ? super byte[]> consumer) {
         try {
             for (int entry = 0; entry < count; entry++) {
                 int at = entry * FIELDS;
                 byte[] key = OffHeapMap.copy(found[at], found[at + 1]);
-                byte[] value = OffHeapMap.copy(found[at + 2], found[at + 3]);
+                byte[] value = found[at + 2] == 0 ? onDisk[entry] : OffHeapMap.copy(found[at + 2], found[at + 3]);
                 consumer.accept(key, value);
             }
         } finally {

@@ -82,7 +82,7 @@ final class MapNatives {
      * <p>Each entry fills five elements of {@code out}: address of the key's first byte, key length,
      * address of the value's first byte, value length, revision; lengths are in bytes. Its key and
      * value buffers are pinned for the caller until {@link #unpinAll}. For a value on disk, 0 and the entry's record, which
-     * is pinned likewise, stand in place of its address and length. An entry that is present during
+     * is pinned likewise, stand in place of its address and length; who unpins that himself writes 0 there. An entry that is present during
      * the whole walk is seen exactly once, also while the table grows.
      *
      * @param cursor two elements, {@code {0, 0}} at the start; element 0 is -1 after the last step

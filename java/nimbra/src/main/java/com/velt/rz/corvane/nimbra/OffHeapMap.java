@@ -68,6 +68,9 @@ public final class OffHeapMap implements AutoCloseable {
 
     private final ChangeReaders readers;
 
+    /** Null without disk overflow. */
+    private final OverflowManager overflow = Nimbra.get().overflow();
+
     /** Serialises {@link #clear} and {@link #close}. No code of a caller runs while it is held. */
     private final ReentrantLock lifecycle = new ReentrantLock();
 
@@ -207,6 +210,7 @@ public final class OffHeapMap implements AutoCloseable {
      * @return a new array that belongs to the caller, or null when the key is absent
      * @throws NullPointerException when the key is null
      * @throws IllegalArgumentException when the key is too long
+     * @throws OffHeapStorageException when the value is on disk and cannot be read
      * @throws IllegalStateException when the map is closed
      */
     public byte[] get(byte[] key) {
@@ -218,7 +222,12 @@ public final class OffHeapMap implements AutoCloseable {
         }
         gates.enter(partition, "get");
         try {
-            return MapNatives.get(handles[partition], key, (int) hash, null);
+            if (overflow == null) {
+                return MapNatives.get(handles[partition], key, (int) hash, null);
+            }
+            long[] onDisk = new long[1];
+            byte[] value = MapNatives.get(handles[partition], key, (int) hash, onDisk);
+            return overflow.complete(value, onDisk[0], name, "get");
         } finally {
             gates.exit(partition);
         }
@@ -231,6 +240,8 @@ public final class OffHeapMap implements AutoCloseable {
      *     absent
      * @throws NullPointerException when the key is null
      * @throws IllegalArgumentException when the key is too long
+     * @throws OffHeapStorageException when the value is on disk and cannot be read
+     * @throws OffHeapMemoryException when the value is on disk and there is no memory to read it into
      * @throws IllegalStateException when the map is closed
      */
     public PinnedValue pin(byte[] key) {
@@ -249,6 +260,9 @@ public final class OffHeapMap implements AutoCloseable {
         gates.enter(partition, "pin");
         try {
             handle = MapNatives.pin(handles[partition], key, (int) hash, info);
+            if (overflow != null) {
+                handle = overflow.complete(handle, info, name, "pin");
+            }
         } finally {
             gates.exit(partition);
         }
@@ -372,14 +386,22 @@ public final class OffHeapMap implements AutoCloseable {
         EntryWalk.run(this, consumer);
     }
 
-    /** One step of a walk over a partition, as {@link MapNatives#scan} describes it. */
-    int scan(int partition, long[] cursor, long[] found) {
+    /**
+     * One step of a walk over a partition, as {@link MapNatives#scan} describes it.
+     *
+     * @param onDisk receives the values that are on disk, at their entry's index; no pins are left on their records
+     */
+    int scan(int partition, long[] cursor, long[] found, byte[][] onDisk) {
         if (bounded != null) {
             bounded.collectAll(partition, "forEach");
         }
         gates.enter(partition, "forEach");
         try {
-            return MapNatives.scan(handles[partition], cursor, found);
+            int count = MapNatives.scan(handles[partition], cursor, found);
+            if (overflow != null && count > 0) {
+                overflow.resolve(found, count, onDisk, name, "forEach");
+            }
+            return count;
         } finally {
             gates.exit(partition);
         }
@@ -550,6 +572,20 @@ public final class OffHeapMap implements AutoCloseable {
         }
     }
 
+    /** Reads the value of a change that was on disk; null when the entry has changed since or is gone. */
+    byte[] valueOfChange(byte[] key, long revision) {
+        long hash = hash(key);
+        int partition = partition(hash);
+        long[] info = new long[3];
+        gates.enter(partition, "changesSince");
+        try {
+            long handle = MapNatives.pin(handles[partition], key, (int) hash, info);
+            return overflow.valueOfChange(handle, info, revision, name);
+        } finally {
+            gates.exit(partition);
+        }
+    }
+
     /**
      * Gives up the place of a named reader; the name may be used anew.
      *
@@ -588,9 +624,18 @@ public final class OffHeapMap implements AutoCloseable {
         boolean released = true;
         for (int partition = 0; partition < count; partition++) {
             released &= natives.clear(handles[partition]);
+            drainOverflow();
             released &= natives.deleteLuOffHeapMap(handles[partition]);
         }
         return released;
+    }
+
+    /** Lets records go that live for their copy on disk only: they must not outlive their table. */
+    private static void drainOverflow() {
+        OverflowManager overflow = Nimbra.get().overflow();
+        if (overflow != null) {
+            overflow.drain();
+        }
     }
 
     @Override
@@ -808,6 +853,10 @@ public final class OffHeapMap implements AutoCloseable {
                     bytesNeeded(),
                     "creating map \"" + mapName + "\" with " + partitions + " partitions");
             // A table that is refused halfway keeps what it has got, so the room is looked for beforehand.
+            if (Nimbra.get().overflows()) {
+                Nimbra.get().overflow().makeRoom(bytesNeeded());
+                stats = Nimbra.get().stats();
+            }
             if (stats.bytesInUse() + bytesNeeded() >= stats.maximumBytes()) {
                 throw request.refuse();
             }

@@ -17,7 +17,8 @@ final class ValueFrame {
     static final int BYTES = 2 * Integer.BYTES;
 
     private static final int LARGEST_COPIED = 64 << 10;
-    private static final int PIECE = 1 << 20; // the virtual machine copies arrays into memory of this size, and keeps it
+    private static final int PIECE =
+            1 << 20; // the virtual machine copies arrays into memory of this size, and keeps it
     private static final int SPARES = 16;
 
     private final ArrayBlockingQueue<ByteBuffer> spares = new ArrayBlockingQueue<>(SPARES);
@@ -147,8 +148,8 @@ final class ValueFrame {
         while (bytes.position() < end) {
             bytes.limit(Math.min(end, bytes.position() + PIECE));
             if (file.write(bytes, offset + bytes.position() - start) <= 0) {
-                throw new IOException("only " + (bytes.position() - start) + " of " + (end - start)
-                        + " bytes could be written");
+                throw new IOException(
+                        "only " + (bytes.position() - start) + " of " + (end - start) + " bytes could be written");
             }
         }
     }
