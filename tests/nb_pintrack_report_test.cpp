@@ -477,6 +477,22 @@ TEST_F(PinLeak, IsNotThereAfterUpdatesAndQueriesThatGiveAllBack) {
   EXPECT_THAT(report(), ElementsAre(totalLine(0)));
 }
 
+// Every diagnosis at once: the locks of all of them nest inside those of the map.
+TEST_F(PinLeak, IsFoundWithEveryOtherLevelOnAsWell) {
+  setLevels(0x7fffffff);
+  LuOffHeapValue* leaked = insertPinnedByNative("leaked", "value", 1);
+  for (int turn = 0; turn < 3; ++turn) insert("key" + std::to_string(turn), "value", 0, turn + 2);
+  for (int turn = 0; turn < 3; ++turn) {
+    EXPECT_TRUE(update("key" + std::to_string(turn), "other", 1, turn + 5));
+  }
+  EXPECT_TRUE(remove("leaked"));
+  EXPECT_EQ(natives::clear(env, caller, handle(map)), JNI_TRUE);
+  setLevels(kOutstanding);
+  EXPECT_EQ(readReport()[printed(leaked)].current, 1);
+  releaseByNative(leaked, JAVA_PUTINTOMAP_PIN);
+  EXPECT_THAT(report(), ElementsAre(totalLine(0)));
+}
+
 TEST_F(PinLeak, IsNotSeenWithTheLevelsOff) {
   setLevels(kInfoLevel);
   LuOffHeapValue* leaked = insertPinnedByNative("key", "value", 1);
