@@ -3,6 +3,7 @@
 // State: none. Each operation works inside one bucket set, with its mutex held. Entries are never
 // freed here: they leave pinned for the caller, whose last unpin frees them.
 #include <cstdio>
+#include <iterator>
 
 #include "nb_alloc.h"
 #include "nb_hashtable.h"
@@ -324,6 +325,8 @@ void rehashMapEntriesIfNecessary(JNIEnv* env, MapHeader* header, BucketSet* set,
 namespace {
 
 ProfileSlot clearProfile;
+constexpr int32_t kClearPositions = 500;
+constexpr char kClearProfile[] = "clearEntry";
 constexpr const char* kClearLabels[] = {"computeSizeClearIndex", "nofComplete", "unpinMapEntry"};
 
 // REQUIRES: the set. Returns the bytes that its entries were accounted with.
@@ -332,7 +335,7 @@ uint64_t clearSet(JNIEnv* env, MapHeader* header, BucketSet* set) {
   for (uint32_t i = 0; i < set->bucketCount; i++) {
     Bucket* bucket = &set->buckets[i];
     while (*bucket != nullptr) {
-      const ProfiledRun run(clearProfile, 500, "clearEntry", kClearLabels);
+      const ProfiledRun run(clearProfile, kClearPositions, kClearProfile, kClearLabels);
       Pinnable* entry = *bucket;
       bytes += header->sizeofEntry(env, entry);
       run.point(0);
@@ -356,6 +359,10 @@ void hashtable_clear(JNIEnv* env, MapHeader* header) {
   } else {
     NB_EVENT(env, "clearAllEntries starting to clear all entries for map=%p",
              static_cast<void*>(header));
+  }
+  // The profile is there also when there is nothing to time.
+  if (logInfo.profiling) {
+    profileIn(clearProfile, kClearPositions, kClearProfile, kClearLabels, std::size(kClearLabels));
   }
   uint64_t bytes = 0;
   for (uint32_t i = 0; i < header->numBucketSets; i++) {

@@ -250,16 +250,21 @@ void printAllProf(JNIEnv* env) {
   mutexUnlock(&table->mutex, LockRank::profileRegistry);
 }
 
+native_prof* profileIn(ProfileSlot& slot, int32_t positions, const char* name,
+                       const char* const* labels, int32_t points) {
+  native_prof* profile = slot.load(std::memory_order_acquire);
+  if (profile != nullptr) return profile;
+  profile = allocateNativeProf(positions, points, name);
+  if (profile == nullptr) return nullptr;
+  setLabels(profile, labels, points);
+  slot.store(profile, std::memory_order_release);
+  return profile;
+}
+
 native_prof* startRun(ProfileSlot& slot, int32_t positions, const char* name,
                       const char* const* labels, int32_t points) {
-  native_prof* profile = slot.load(std::memory_order_acquire);
-  if (profile == nullptr) {
-    profile = allocateNativeProf(positions, points, name);
-    if (profile == nullptr) return nullptr;
-    setLabels(profile, labels, points);
-    slot.store(profile, std::memory_order_release);
-  }
-  start(profile);
+  native_prof* profile = profileIn(slot, positions, name, labels, points);
+  if (profile != nullptr) start(profile);
   return profile;
 }
 

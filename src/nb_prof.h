@@ -62,8 +62,10 @@ void printAllProf(JNIEnv* env);
 // each; both are registered, and later runs use the one that was stored last.
 using ProfileSlot = std::atomic<native_prof*>;
 
-// Makes the operation's profile when there is none, and starts a run. Returns the profile that the
-// run is in; null when the C heap is exhausted.
+// The operation's profile, made and labelled when there is none; null when the C heap is exhausted.
+native_prof* profileIn(ProfileSlot& slot, int32_t positions, const char* name,
+                       const char* const* labels, int32_t points);
+// Starts a run in it and returns it, or null.
 native_prof* startRun(ProfileSlot& slot, int32_t positions, const char* name,
                       const char* const* labels, int32_t points);
 
