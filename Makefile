@@ -23,7 +23,7 @@ export JOBS
 .PHONY: help
 help: ## list the targets
 	@echo 'Targets:'
-	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 12 | sed 's/^/  /'
+	@sed -n 's/^\([a-z-]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | expand -t 14 | sed 's/^/  /'
 	@echo 'Variables:'
 	@sed -n 's/^#   \([A-Z_]*\)/  \1/p' $(MAKEFILE_LIST)
 
@@ -68,7 +68,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native demo bench check format
+.PHONY: test test-native demo bench bench-stores check format
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -84,6 +84,10 @@ demo: java
 bench: ## run the native and the Java benchmarks (ARGS: options for the Java ones)
 bench: java
 	@tools/bench.sh $(ARGS)
+
+bench-stores: ## measure stores for values on disk (ARGS="--values N --rounds N")
+bench-stores: java
+	@tools/bench_stores.sh $(ARGS)
 
 check: ## formatting, clang-tidy, and the native tests under the sanitizers
 check: setup-check build/debug/build.ninja build/asan/build.ninja build/tsan/build.ninja

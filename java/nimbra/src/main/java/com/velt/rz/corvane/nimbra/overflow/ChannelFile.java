@@ -33,7 +33,8 @@ final class ChannelFile implements BlockFile {
     /** Creates a file that only its owner may read, where the file system knows such a thing. */
     static ChannelFile create(Path path) throws IOException {
         FileAttribute<?>[] attributes = {};
-        if (Files.getFileStore(path.toAbsolutePath().getParent()).supportsFileAttributeView(PosixFileAttributeView.class)) {
+        if (Files.getFileStore(path.toAbsolutePath().getParent())
+                .supportsFileAttributeView(PosixFileAttributeView.class)) {
             attributes = new FileAttribute<?>[] {
                 PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rw-------"))
             };

@@ -40,8 +40,8 @@ final class DirectoryLock implements Closeable {
         FileChannel channel = null;
         boolean taken = false;
         try {
-            channel = FileChannel.open(
-                    directory.resolve(FILE_NAME), StandardOpenOption.CREATE, StandardOpenOption.WRITE);
+            channel =
+                    FileChannel.open(directory.resolve(FILE_NAME), StandardOpenOption.CREATE, StandardOpenOption.WRITE);
             if (channel.tryLock() == null) {
                 throw new IOException(directory + " is in use by a value store of another process");
             }

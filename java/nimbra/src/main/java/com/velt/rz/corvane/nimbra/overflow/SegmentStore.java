@@ -35,8 +35,7 @@ final class SegmentStore implements ValueStore {
     /** Set once; a segment's file is created only if it is not set yet under that segment's monitor. */
     private volatile boolean closed;
 
-    private SegmentStore(
-            Path directory, DirectoryLock lock, long limit, int slabsPerSegment, BlockFile.Opener opener) {
+    private SegmentStore(Path directory, DirectoryLock lock, long limit, int slabsPerSegment, BlockFile.Opener opener) {
         this.directory = directory;
         this.lock = lock;
         this.limit = limit;
