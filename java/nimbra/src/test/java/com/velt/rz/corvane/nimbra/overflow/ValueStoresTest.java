@@ -12,6 +12,7 @@ import java.nio.file.FileAlreadyExistsException;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.attribute.PosixFilePermissions;
+import org.junit.jupiter.api.Tag;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.Timeout;
 import org.junit.jupiter.api.io.TempDir;
@@ -89,6 +90,7 @@ class ValueStoresTest {
 
     /** Another process has the directory until it is killed; what it leaves is removed. */
     @Test
+    @Tag("child-jvm")
     void takesOverFromAKilledProcess() throws Exception {
         Process other = new ProcessBuilder(
                         Path.of(System.getProperty("java.home"), "bin", "java").toString(),
