@@ -68,7 +68,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native demo demo-diagnostics bench check format
+.PHONY: test test-native demo demo-diagnostics bench bench-stores check format
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -88,6 +88,10 @@ demo-diagnostics: java
 bench: ## run the native and the Java benchmarks (ARGS: options for the Java ones)
 bench: java
 	@tools/bench.sh $(ARGS)
+
+bench-stores: ## measure stores for values on disk (ARGS="--values N --rounds N")
+bench-stores: java
+	@tools/bench_stores.sh $(ARGS)
 
 check: ## formatting, clang-tidy, and the native tests under the sanitizers
 check: setup-check build/debug/build.ninja build/asan/build.ninja build/tsan/build.ninja

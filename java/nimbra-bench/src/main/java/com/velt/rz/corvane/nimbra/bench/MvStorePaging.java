@@ -26,9 +26,7 @@ final class MvStorePaging implements PagingStore {
         store.setVersionsToKeep(0);
         values = store.openMap(
                 "values",
-                new MVMap.Builder<Long, byte[]>()
-                        .keyType(LongDataType.INSTANCE)
-                        .valueType(ByteArrayDataType.INSTANCE));
+                new MVMap.Builder<Long, byte[]>().keyType(LongDataType.INSTANCE).valueType(ByteArrayDataType.INSTANCE));
     }
 
     @Override

@@ -42,9 +42,8 @@ final class RocksPaging implements PagingStore {
                 .setEnableBlobGarbageCollection(blobFiles)
                 .setBlobGarbageCollectionAgeCutoff(1.0)
                 .setBlobGarbageCollectionForceThreshold(0.5)
-                .setTableFormatConfig(new BlockBasedTableConfig()
-                        .setNoBlockCache(true)
-                        .setFilterPolicy(new BloomFilter(10)));
+                .setTableFormatConfig(
+                        new BlockBasedTableConfig().setNoBlockCache(true).setFilterPolicy(new BloomFilter(10)));
         try {
             db = RocksDB.open(options, folder.toString());
         } catch (RocksDBException e) {

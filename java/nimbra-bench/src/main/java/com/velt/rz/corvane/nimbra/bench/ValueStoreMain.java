@@ -83,7 +83,8 @@ public final class ValueStoreMain implements Callable<Integer> {
     public Integer call() throws IOException {
         Map<String, PagingStore.Opener> stores = stores();
         if (!only.isEmpty()) {
-            stores.keySet().removeIf(name -> !name.equals(FLOOR) && only.stream().noneMatch(name::startsWith));
+            stores.keySet()
+                    .removeIf(name -> !name.equals(FLOOR) && only.stream().noneMatch(name::startsWith));
         }
         prepareValues();
         PrintWriter out = spec.commandLine().getOut();
@@ -108,7 +109,8 @@ public final class ValueStoreMain implements Callable<Integer> {
                 }
             }
         }
-        List<String> table = table(results, values, Arrays.stream(lengths).asLongStream().sum());
+        List<String> table =
+                table(results, values, Arrays.stream(lengths).asLongStream().sum());
         Files.write(output.resolve("stores.md"), table);
         out.println();
         table.forEach(out::println);
@@ -226,8 +228,8 @@ public final class ValueStoreMain implements Callable<Integer> {
                     middle.churned() >> 20));
         });
         lines.add("");
-        lines.add(String.format(
-                Locale.ROOT, "%,d values, %,d MiB of payload at any time", values, bytesEver / 2 >> 20));
+        lines.add(
+                String.format(Locale.ROOT, "%,d values, %,d MiB of payload at any time", values, bytesEver / 2 >> 20));
         return lines;
     }
 

@@ -75,8 +75,7 @@ final class ValueFrame {
             throws IOException {
         int end = Long.BYTES + Integer.BYTES + length;
         buffer.clear().putLong(position).limit(end + Integer.BYTES);
-        int found = readFully(file, offset, buffer);
-        checkBytes(position, length, found);
+        readFully(file, offset, position, length, 0, buffer);
         checkLength(position, length, buffer.getInt(Long.BYTES));
         CRC32C checksum = new CRC32C();
         checksum.update(buffer.flip().limit(end));
@@ -92,14 +91,11 @@ final class ValueFrame {
         boolean passed = false;
         try {
             buffer.clear().limit(Integer.BYTES);
-            int found = readFully(file, offset, buffer);
-            checkBytes(position, length, found);
+            readFully(file, offset, position, length, 0, buffer);
             checkLength(position, length, buffer.getInt(0));
-            found += readFully(file, offset + found, value);
-            checkBytes(position, length, found + Integer.BYTES);
+            readFully(file, offset, position, length, Integer.BYTES, value);
             buffer.clear().limit(Integer.BYTES);
-            found += readFully(file, offset + found, buffer);
-            checkBytes(position, length, found);
+            readFully(file, offset, position, length, Integer.BYTES + length, buffer);
             CRC32C checksum = new CRC32C();
             checksum.update(ByteBuffer.allocate(Long.BYTES + Integer.BYTES)
                     .putLong(position)
@@ -117,13 +113,6 @@ final class ValueFrame {
                     value.put((byte) 0);
                 }
             }
-        }
-    }
-
-    private static void checkBytes(long position, int length, int found) throws CorruptValueException {
-        if (found < length + BYTES) {
-            throw new CorruptValueException(
-                    position, length + BYTES + " bytes on disk", "the end of the file after " + found);
         }
     }
 
@@ -154,18 +143,23 @@ final class ValueFrame {
         }
     }
 
-    /** The number of bytes read, less than remained if the file ends early. */
-    private static int readFully(BlockFile file, long offset, ByteBuffer bytes) throws IOException {
+    /**
+     * Fills the buffer with what stands {@code from} bytes behind the start of the frame at {@code offset}.
+     *
+     * @throws CorruptValueException if the file ends early
+     */
+    private static void readFully(BlockFile file, long offset, long position, int length, int from, ByteBuffer bytes)
+            throws IOException {
         int start = bytes.position();
         int end = bytes.limit();
         while (bytes.position() < end) {
             bytes.limit(Math.min(end, bytes.position() + PIECE));
-            if (file.read(bytes, offset + bytes.position() - start) <= 0) {
-                break;
+            int found = from + bytes.position() - start;
+            if (file.read(bytes, offset + found) <= 0) {
+                throw new CorruptValueException(
+                        position, length + BYTES + " bytes on disk", "the end of the file after " + found);
             }
         }
-        bytes.limit(end);
-        return bytes.position() - start;
     }
 
     private ByteBuffer takeBuffer() {
