@@ -32,12 +32,6 @@ constexpr char kNotTheOwner[] =
 
 std::string self() { return std::to_string(static_cast<long>(pthread_self())); }
 
-// The library's exception as a failed system call raises it.
-Thrown raised(const std::string& function, const std::string& text, int code) {
-  return {kIllegalState, "[" + function + "] " + text + ": " + std::strerror(code) + " (" +
-                             std::to_string(code) + ")"};
-}
-
 class NodeLock : public LibraryTest {
  protected:
   void SetUp() override {
