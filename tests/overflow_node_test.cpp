@@ -204,7 +204,7 @@ TEST_F(NodeLockDestruction, FailsWithTheYield) {
 TEST_F(NodeLockDestruction, RaisesWhenTheConditionCannotBeDestroyed) {
   {
     const FailLock failure(LockRank::node, LockOp::conditionDestroy, 1, EBUSY);
-    destroy();
+    EXPECT_FALSE(destroy());
     EXPECT_TRUE(failure.fired());
   }
   EXPECT_EQ(jni.takePending(),

@@ -246,6 +246,9 @@ public final class Nimbra {
                 Runtime.getRuntime().addShutdownHook(new Thread(overflow::closeStore, "nimbra-overflow-end"));
             }
             if (!manager.initializeOffHeap(maximumBytes, 0, 0, overflow != null)) {
+                if (overflow != null) {
+                    overflow.closeStore();
+                }
                 throw new IllegalStateException("the native library did not start with maximumBytes " + maximumBytes
                         + "; its log names the step that failed");
             }
