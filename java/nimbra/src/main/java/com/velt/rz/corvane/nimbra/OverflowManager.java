@@ -238,6 +238,7 @@ final class OverflowManager implements OverflowHandler {
                 memoryHits.increment();
                 return inMemory;
             }
+            diskHits.increment();
             byte[] payload = readLocked(record, place, map, operation);
             if (OverflowNatives.pageIn(record, payload, place[0], place[3], null) == 1) {
                 pageIns.increment();
@@ -267,6 +268,7 @@ final class OverflowManager implements OverflowHandler {
                 System.arraycopy(place, 1, info, 0, 3);
                 return place[0];
             }
+            diskHits.increment();
             byte[] payload = readLocked(record, place, map, operation);
             info[2] = place[3];
             long handle = OverflowNatives.pageIn(record, payload, place[0], place[3], info);
@@ -396,7 +398,6 @@ final class OverflowManager implements OverflowHandler {
     /** Reads what the record's node points to, and lets the node go, whatever happens. */
     private byte[] readLocked(long record, long[] place, String map, String operation) {
         try {
-            diskHits.increment();
             byte[] payload = new byte[(int) place[1]];
             store.read(place[0], payload.length, ByteBuffer.wrap(payload));
             return payload;
