@@ -54,7 +54,7 @@ class SweepTest : public PagingTest {
   }
   void TearDown() override {
     letGo();
-    for (LuOffHeapValue* value : offered_) unpinValue(value, JNI_OVERFLOW_EVICTED_PIN);
+    dropOffers();
     PagingTest::TearDown();
   }
 
@@ -73,6 +73,12 @@ class SweepTest : public PagingTest {
     LuOffHeapValue* value = natives::asValue(natives::nextOfSweep(env, nullptr));
     if (value != nullptr) offered_.push_back(value);
     return value;
+  }
+  // Java's pins on what the sweep has offered. A record must not outlive its map's table before
+  // Java has been told of its end.
+  void dropOffers() {
+    for (LuOffHeapValue* value : offered_) unpinValue(value, JNI_OVERFLOW_EVICTED_PIN);
+    offered_.clear();
   }
   void dispose() { natives::disposeSweep(env, nullptr); }
   std::vector<jlong> state() {

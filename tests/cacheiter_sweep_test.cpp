@@ -246,6 +246,7 @@ TEST_F(Sweep, EntryOnDiskIsPassedOver) {
   EXPECT_EQ(recordsOf("node " + printed(nodeOf(gone)) +
                       " is not IN_MEMORY (flags=0x200), continuing ...."),
             1);
+  setLevels(0);
 }
 
 TEST_F(Sweep, UsedEntryOnDiskIsRejectedFirst) {
@@ -520,6 +521,7 @@ TEST_F(SweepAnchor, DeletedMapForgetsIt) {
   sweepToTheSecond();
   LuOffHeapMap* doomed = map;
   map = makeMap();
+  dropOffers();
   deleteMap(doomed);
   EXPECT_EQ(anchor(), nullptr);
 }

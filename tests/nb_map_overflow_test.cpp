@@ -405,6 +405,21 @@ TEST_F(ValueRetirement, CopyOnDiskOfAValueInMemoryKeepsBoth) {
   EXPECT_EQ(bytesOf(value->value), "the value");
 }
 
+// Java lets go of a copy on disk at a time of its own: the table may be gone by then.
+TEST_F(ValueRetirement, ReverseMapPinMayOutliveTheMap) {
+  LuOffHeapMap* kept = map;
+  map = makeMap();
+  pageOutValue(insertInto(5, "key"));
+  deleteMap(map);
+  map = kept;
+  ASSERT_EQ(calls.deleting.size(), 1U);
+  for (const jint levels : {kAllLevels, 0}) {
+    setLevels(levels);
+    dropReverseMapPins();
+  }
+  EXPECT_EQ(calls.deleting.size(), 1U);
+}
+
 TEST_F(ValueRetirement, UnlinkedNodeIsReportedAllTheSame) {
   EXPECT_TRUE(overflow_metadata_splice_out(env, node, false));
   EXPECT_EQ(unpinValue(value), 0U);
