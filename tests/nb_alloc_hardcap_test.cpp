@@ -220,7 +220,7 @@ TEST_F(HardCap, RefusalWithTheSwitchOffIsAnOutOfMemoryError) {
   _isDiskOverflowEnabled = false;
   EXPECT_FALSE(allocate());
   _isDiskOverflowEnabled = true;
-  EXPECT_EQ(calls.moreMemory.size(), 1U) << "the callback stays cached";
+  EXPECT_EQ(calls.moreMemory.size(), 1U) << "the callback stays cached, and alone decides";
   EXPECT_EQ(jni.takePending(), (Thrown{kOutOfMemory, kRefusalText}));
   expectedBlocksDelta = 1;
 }

@@ -92,6 +92,7 @@ struct Chunk {
 class PagingTest : public OverflowTest {
  protected:
   void TearDown() override {
+    setLevels(0);
     if (map != nullptr) deleteMap(map);
     map = nullptr;
     dropReverseMapPins();
