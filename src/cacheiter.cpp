@@ -157,18 +157,20 @@ bool trylock_node(JNIEnv* env, overflow_metadata* node) {
     NB_WARNING(env, "trylock_node failed: metadata locked");
     return false;
   }
-  if (!overflow_metadata_trylock(env, "trylock prev", node->prev)) {
+  overflow_metadata* prev = node->prev;
+  overflow_metadata* next = node->next;
+  if (!overflow_metadata_trylock(env, "trylock prev", prev)) {
     overflow_metadata_unlock(env, "trylock prev fail", node);
     unlockBucketSet(set);
-    raiseMiss(env, "Caught exception when trylock metadata->prev=%p", node);
+    raiseMiss(env, "Caught exception when trylock metadata->prev=%p", prev);
     NB_WARNING(env, "trylock_node failed: prev locked");
     return false;
   }
-  if (overflow_metadata_trylock(env, "trylock next", node->next)) return true;
-  overflow_metadata_unlock(env, "trylock next fail", node->prev);
+  if (overflow_metadata_trylock(env, "trylock next", next)) return true;
+  overflow_metadata_unlock(env, "trylock next fail", prev);
   overflow_metadata_unlock(env, "trylock prev fail", node);
   unlockBucketSet(set);
-  raiseMiss(env, "Caught exception when trylock metadata->next=%p", node);
+  raiseMiss(env, "Caught exception when trylock metadata->next=%p", next);
   NB_WARNING(env, "trylock_node failed: next locked");
   return false;
 }

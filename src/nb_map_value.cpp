@@ -161,7 +161,9 @@ enum class Retirement { done, keptByJava, failed };
 // copy on disk, the value lives on until Java drops its reverse-map pin.
 Retirement retireNode(JNIEnv* env, LuOffHeapValue* value) {
   overflow_metadata* node = nodeOf(value);
-  if (logInfo.debug) {
+  // One that has lived on for Java's copy may have outlived its table, which the line would show.
+  const bool mayHaveNoTable = isFlagSet(is_invalid | on_disk, node);
+  if (logInfo.debug && !mayHaveNoTable) {
     char* text = to_string(env, kRelease, node);
     debug(env, kRelease, "luOffHeapValue=%p => %s", static_cast<void*>(value), text);
     release_string(env, text);

@@ -30,7 +30,7 @@ public final class CacheIter {
      */
     public static native long advanceAndNextEvictable();
 
-    /** Ends the sweep, lets its locks go and keeps its place for the next one. */
+    /** Ends the sweep, lets its locks go and keeps its place for the next one. Once after each {@link #init}. */
     public static native void dispose();
 
     /** Returns the fourteen figures of the sweep: the first is current, the others are as of the last refresh. */
