@@ -95,9 +95,9 @@ constexpr Taking kTakings[] = {
 
 // ---- Insert ------------------------------------------------------------------------------
 
-class InsertRollback : public OverflowRollback {};
+class OverflowInsertRollback : public OverflowRollback {};
 
-TEST_F(InsertRollback, NodeThatCannotBeInitialised) {
+TEST_F(OverflowInsertRollback, NodeThatCannotBeInitialised) {
   for (const LockOp operation : {LockOp::attributesInit, LockOp::attributesType, LockOp::init,
                                  LockOp::conditionInit, LockOp::attributesDestroy}) {
     SCOPED_TRACE(static_cast<int>(operation));
@@ -116,7 +116,7 @@ TEST_F(InsertRollback, NodeThatCannotBeInitialised) {
   }
 }
 
-TEST_F(InsertRollback, NodeWhoseFirstLockFails) {
+TEST_F(OverflowInsertRollback, NodeWhoseFirstLockFails) {
   for (const int nth : {1, 2}) {
     const Buffers of = buffers("key", "value");
     const Books before = Books::now();
@@ -130,7 +130,7 @@ TEST_F(InsertRollback, NodeWhoseFirstLockFails) {
   }
 }
 
-TEST_F(InsertRollback, NodeThatCannotBeLinked) {
+TEST_F(OverflowInsertRollback, NodeThatCannotBeLinked) {
   const Buffers of = buffers("key", "value");
   nextList(3);
   const Books before = Books::now();
@@ -151,7 +151,7 @@ TEST_F(InsertRollback, NodeThatCannotBeLinked) {
   dropBuffers(of);
 }
 
-TEST_F(InsertRollback, QueueThatCannotBeLocked) {
+TEST_F(OverflowInsertRollback, QueueThatCannotBeLocked) {
   const Buffers of = buffers("key", "value");
   const Books before = Books::now();
   setLevels(kErrorLevel);
@@ -166,7 +166,7 @@ TEST_F(InsertRollback, QueueThatCannotBeLocked) {
   dropBuffers(of);
 }
 
-TEST_F(InsertRollback, EveryRefusedAllocation) {
+TEST_F(OverflowInsertRollback, EveryRefusedAllocation) {
   for (const auto way :
        {RefuseAllocation::Way::kNothingLeft, RefuseAllocation::Way::kOverMaximum}) {
     bool inserted = false;
@@ -209,7 +209,7 @@ TEST_F(InsertRollback, EveryRefusedAllocation) {
 
 // Each lock that an insert takes fails once. Whatever it answers, no lock is left, and the map
 // agrees with the answer.
-TEST_F(InsertRollback, EveryLockThatFails) {
+TEST_F(OverflowInsertRollback, EveryLockThatFails) {
   for (const Taking& taking : kTakings) {
     bool fired = true;
     for (int nth = 1; fired; ++nth) {
@@ -265,7 +265,7 @@ TEST_F(InsertRollback, EveryLockThatFails) {
 
 // ---- Update ------------------------------------------------------------------------------
 
-class UpdateRollback : public OverflowRollback {
+class OverflowUpdateRollback : public OverflowRollback {
  protected:
   void SetUp() override {
     OverflowRollback::SetUp();
@@ -274,7 +274,7 @@ class UpdateRollback : public OverflowRollback {
   LuOffHeapValue* entry = nullptr;
 };
 
-TEST_F(UpdateRollback, NodeThatCannotBeLocked) {
+TEST_F(OverflowUpdateRollback, NodeThatCannotBeLocked) {
   const Buffers of = buffers("key", "second");
   const Books before = Books::now();
   setLevels(kDebugLevel);
@@ -293,7 +293,7 @@ TEST_F(UpdateRollback, NodeThatCannotBeLocked) {
   dropBuffers(of);
 }
 
-TEST_F(UpdateRollback, NodeOfAnEntryOnDiskThatCannotBeLocked) {
+TEST_F(OverflowUpdateRollback, NodeOfAnEntryOnDiskThatCannotBeLocked) {
   pageOutValue(entry, {1, 2, 3});
   const Buffers of = buffers("key", "second");
   const Books before = Books::now();
@@ -310,7 +310,7 @@ TEST_F(UpdateRollback, NodeOfAnEntryOnDiskThatCannotBeLocked) {
   dropBuffers(of);
 }
 
-TEST_F(UpdateRollback, SnapshotThatIsRefused) {
+TEST_F(OverflowUpdateRollback, SnapshotThatIsRefused) {
   const Buffers of = buffers("key", "second");
   const Books before = Books::now();
   {
@@ -325,7 +325,7 @@ TEST_F(UpdateRollback, SnapshotThatIsRefused) {
   dropBuffers(of);
 }
 
-TEST_F(UpdateRollback, SnapshotWhoseNodeCannotBeInitialised) {
+TEST_F(OverflowUpdateRollback, SnapshotWhoseNodeCannotBeInitialised) {
   const Buffers of = buffers("key", "second");
   {
     const FailLock failure(LockRank::node, LockOp::init, 1);
@@ -345,7 +345,7 @@ TEST_F(UpdateRollback, SnapshotWhoseNodeCannotBeInitialised) {
   dropBuffers(of);
 }
 
-TEST_F(UpdateRollback, EveryLockThatFails) {
+TEST_F(OverflowUpdateRollback, EveryLockThatFails) {
   for (const bool paged : {false, true}) {
     for (const Taking& taking : kTakings) {
       bool fired = true;
