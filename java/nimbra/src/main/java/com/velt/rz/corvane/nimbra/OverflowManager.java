@@ -41,8 +41,11 @@ final class OverflowManager implements OverflowHandler {
     private static final int FLAG_ON_DISK = 0x200;
     private static final int REVERSE_MAP_PIN = 32_778;
 
-    /** Failed writes after which a sweep gives up: the store is not to be asked once for each entry. */
+    /** Failed writes in a row after which a sweep gives up: the store is not to be asked once for each entry. */
     private static final int MOST_FAILURES = 8;
+
+    /** No position of a store. */
+    private static final long NOT_WRITTEN = 0;
 
     private static final int SWEEP_WORDS = 7;
     private static final int READ_WORDS = 4;
@@ -145,8 +148,9 @@ final class OverflowManager implements OverflowHandler {
         long threshold = threshold();
         long goal = threshold - size - Math.min(1L << 20, Math.max(0, threshold) / 256);
         long blocks = Math.max(1, manager.getAllocatingCountInOffHeap());
-        // Two rounds over all entries: the first takes the marks of their last use away.
-        CacheIter.init(blocks, 2 * blocks + 1_000, true);
+        // Two rounds over all entries, each of at least two blocks: the first takes the marks of their last use away.
+        // Not more: where there are few entries, each costs the sweep a way past all its lists.
+        CacheIter.init(blocks, 2 * blocks, true);
         try {
             long[] candidate = new long[SWEEP_WORDS];
             int failures = 0;
@@ -155,7 +159,9 @@ final class OverflowManager implements OverflowHandler {
                 if (record == 0) {
                     break;
                 }
-                if (!moveOut(record, candidate)) {
+                if (moveOut(record, candidate)) {
+                    failures = 0;
+                } else {
                     failures++;
                 }
             }
@@ -168,30 +174,41 @@ final class OverflowManager implements OverflowHandler {
 
     /** Returns false when the value stays in memory. */
     private boolean moveOut(long record, long[] candidate) {
-        boolean moved = false;
+        if (candidate[5] == 1) {
+            OverflowNatives.evicted(record, candidate[2], (int) candidate[3], candidate[4]);
+            copiesReused.increment();
+        } else {
+            long position = NOT_WRITTEN;
+            try {
+                position = write(candidate);
+            } finally {
+                if (position == NOT_WRITTEN) {
+                    OverflowNatives.keep(record);
+                }
+            }
+            if (position == NOT_WRITTEN) {
+                return false;
+            }
+            OverflowNatives.evicted(record, position, (int) candidate[1], 0);
+        }
+        pageOuts.increment();
+        return true;
+    }
+
+    /** Returns the position on disk, or {@link #NOT_WRITTEN}. */
+    private long write(long[] candidate) {
+        long length = candidate[1];
+        if (length > Math.min(PhantomWindows.MAX_LENGTH, ValueStore.MAX_LENGTH)) {
+            return NOT_WRITTEN;
+        }
         try {
-            if (candidate[5] == 1) {
-                copiesReused.increment();
-                OverflowNatives.evicted(record, candidate[2], (int) candidate[3], candidate[4]);
-                moved = true;
-            } else if (candidate[1] <= Math.min(PhantomWindows.MAX_LENGTH, ValueStore.MAX_LENGTH)) {
-                int length = (int) candidate[1];
-                long position = store.write(PhantomWindows.readOnlySlice(candidate[0], length));
-                OverflowNatives.evicted(record, position, length, 0);
-                moved = true;
-            }
-            if (moved) {
-                pageOuts.increment();
-            }
-        } catch (IOException e) {
+            return store.write(PhantomWindows.readOnlySlice(candidate[0], (int) length));
+        } catch (IOException | RuntimeException e) {
+            // Whatever the store throws, the allocation that is under way has no part in it.
             failedWrites.increment();
             LOGGER.log(e instanceof StoreFullException ? Level.DEBUG : Level.WARNING, "a value stays in memory", e);
-        } finally {
-            if (!moved) {
-                OverflowNatives.keep(record);
-            }
+            return NOT_WRITTEN;
         }
-        return moved;
     }
 
     // ---- In ----------------------------------------------------------------------------------
@@ -239,6 +256,7 @@ final class OverflowManager implements OverflowHandler {
                 return inMemory;
             }
             byte[] payload = readLocked(record, place, map, operation);
+            diskHits.increment();
             if (OverflowNatives.pageIn(record, payload, place[0], place[3], null) == 1) {
                 pageIns.increment();
             }
@@ -268,6 +286,7 @@ final class OverflowManager implements OverflowHandler {
                 return place[0];
             }
             byte[] payload = readLocked(record, place, map, operation);
+            diskHits.increment();
             info[2] = place[3];
             long handle = OverflowNatives.pageIn(record, payload, place[0], place[3], info);
             if (handle == 0) {
@@ -319,24 +338,35 @@ final class OverflowManager implements OverflowHandler {
      */
     byte[][] resolveEvicted(long[] found, int count, boolean wanted, String map) {
         byte[][] values = new byte[count][];
-        for (int entry = 0; entry < count; entry++) {
-            int at = entry * EntryWalk.FIELDS;
-            if (found[at + 2] != 0) {
-                continue;
-            }
-            long record = found[at + 3];
-            try {
-                if (wanted) {
-                    values[entry] = read(record, map, "eviction").value;
+        boolean complete = false;
+        try {
+            for (int entry = 0; entry < count; entry++) {
+                int at = entry * EntryWalk.FIELDS;
+                if (found[at + 2] == 0) {
+                    long record = found[at + 3];
+                    if (wanted) {
+                        values[entry] = readEvicted(record, map);
+                    }
+                    found[at + 3] = 0;
+                    OverflowNatives.unpinRecord(record);
                 }
-            } catch (OffHeapStorageException e) {
-                LOGGER.log(Level.WARNING, "the listener misses an eviction", e);
-            } finally {
-                found[at + 3] = 0;
-                OverflowNatives.unpinRecord(record);
+            }
+            complete = true;
+        } finally {
+            if (!complete) {
+                MapNatives.unpinAll(found, 0, count);
             }
         }
         return values;
+    }
+
+    private byte[] readEvicted(long record, String map) {
+        try {
+            return read(record, map, "eviction").value;
+        } catch (OffHeapStorageException e) {
+            LOGGER.log(Level.WARNING, "the listener misses an eviction", e);
+            return null;
+        }
     }
 
     /**
@@ -393,11 +423,10 @@ final class OverflowManager implements OverflowHandler {
     /** Reads what the record's node points to, and lets the node go, whatever happens. */
     private byte[] readLocked(long record, long[] place, String map, String operation) {
         try {
-            diskHits.increment();
             byte[] payload = new byte[(int) place[1]];
             store.read(place[0], payload.length, ByteBuffer.wrap(payload));
             return payload;
-        } catch (IOException e) {
+        } catch (IOException | RuntimeException e) {
             throw new OffHeapStorageException(
                     operation + " on map \"" + map + "\": a value of " + (place[1] - OverflowNatives.PAYLOAD_HEADER)
                             + " bytes at position " + place[0] + " on disk could not be read: " + e.getMessage(),
