@@ -75,6 +75,10 @@ final class OverflowManager implements OverflowHandler {
         this.store = store;
         this.reaper = new Thread(this::reap, "nimbra-overflow");
         reaper.setDaemon(true);
+    }
+
+    /** Starts the thread that frees what was deleted. Until then only {@link #drain} does. */
+    void startReaper() {
         reaper.start();
     }
 
