@@ -553,7 +553,8 @@ jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_evict(JNIEnv* env, jclass, j
 namespace {
 
 // With disk overflow, buffers alone stay pinned for Java: a record must not outlive its map, and a
-// node must not stay locked while Java's callers run. A value on disk is looked up by its key later.
+// node must not stay locked while Java's callers run. A value on disk is looked up by its key
+// later.
 void letRecordsGo(JNIEnv* env, const int64_t* words) {
   for (int64_t i = 0; i < words[0]; i++) {
     auto* value = fromHandle<LuOffHeapValue>(words[1 + i * kQueryWords]);

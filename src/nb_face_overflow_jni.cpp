@@ -80,17 +80,20 @@ jint Java_com_velt_rz_corvane_nimbra_OverflowNatives_beginRead(JNIEnv* env, jcla
                                                                jlongArray out) {
   auto* value = fromHandle<LuOffHeapValue>(record);
   overflow_metadata* node = nodeOf(value);
-  if (!overflow_metadata_lock(env, "read", node)) return kFailed;
+  BucketSet* set = getBucketSet(node->mapHeader, static_cast<uint32_t>(value->hashCode));
+  // An update changes the revision before the value, all inside its hold of the bucket set.
+  if (lockBucketSetAndNode(env, "read", value) == 1) return kFailed;
   if (ByteBufferHeader* buffer = value->value) {
     pin(env, buffer, JNI_GET_PIN);
     const jlong words[] = {toHandle(buffer), toHandle(bufferData(buffer)),
                            static_cast<jlong>(buffer->dataSize), value->revisionNumber};
-    overflow_metadata_unlock(env, "read", node);
+    unlockBucketSetAndNode(env, "read", value);
     env->SetLongArrayRegion(out, 0, 4, words);
     return kInMemory;
   }
   const jlong words[] = {node->chunkPtrOffset, node->chunkSize, node->nextChunkPtrOffset,
                          value->revisionNumber};
+  unlockBucketSet(set);
   env->SetLongArrayRegion(out, 0, 4, words);
   return kOnDisk;
 }

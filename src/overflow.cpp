@@ -283,7 +283,8 @@ bool overflow_metadata_splice_out(JNIEnv* env, overflow_metadata* node, bool loc
     if (tryNeighbours(env, node)) break;
     overflow_metadata_unlock(env, kSplice, node);
     usleep(static_cast<useconds_t>(std::rand() % kBackOffMicroseconds + 1));
-    overflow_metadata_lock(env, kSplice, node);
+    // Without the node its depth is another thread's business.
+    if (!overflow_metadata_lock(env, kSplice, node)) return false;
   }
   // A sweep may have come to rest here between the first call and the node's lock.
   cacheiter_freeing_node(env, node);

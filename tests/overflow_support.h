@@ -8,6 +8,7 @@
 #include <jni.h>
 
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <future>
 #include <set>
@@ -73,6 +74,12 @@ struct OverflowThread {
   ScriptedJni jni;
   JNIEnv* const env = jni.env();
 };
+
+// The library's exception as a failed system call raises it.
+inline Thrown raised(const std::string& function, const std::string& text, int code) {
+  return {kIllegalState, "[" + function + "] " + text + ": " + std::strerror(code) + " (" +
+                             std::to_string(code) + ")"};
+}
 
 // ---- A look at nodes and lists -----------------------------------------------------------
 
@@ -183,6 +190,25 @@ class HeldByAnother {
   std::thread thread_;
 };
 
+// Shows every lock operation to a function; a non-zero answer makes the operation fail with it.
+class OnLockOperation {
+ public:
+  using Watch = std::function<int(const void* lock, LockOp operation)>;
+  explicit OnLockOperation(Watch watch) {
+    EXPECT_EQ(faults::failLock, nullptr) << "one guard at a time";
+    watch_ = std::move(watch);
+    faults::failLock = [](LockRank, const void* lock, LockOp operation) {
+      return watch_(lock, operation);
+    };
+  }
+  ~OnLockOperation() { faults::failLock = nullptr; }
+  OnLockOperation(const OnLockOperation&) = delete;
+  OnLockOperation& operator=(const OnLockOperation&) = delete;
+
+ private:
+  static inline Watch watch_;
+};
+
 // Starts every test with the layer started, the switch on, an empty map and all lists empty.
 // Afterwards the lists must be empty and free again, and nothing of the layer is left behind.
 class OverflowTest : public MapTest {
@@ -260,6 +286,30 @@ class OverflowTest : public MapTest {
   // The calling thread's own depth.
   uint32_t holdCount(overflow_metadata* node) {
     return overflow_metadata_get_hold_count(env, node);
+  }
+
+  // Takes and lets go, as the caller of an operation does.
+  void take(overflow_metadata* node, int times = 1) {
+    for (int i = 0; i < times; ++i) ASSERT_TRUE(overflow_metadata_lock(env, "test", node));
+  }
+  void letGo(overflow_metadata* node, int times = 1) {
+    for (int i = 0; i < times; ++i) ASSERT_TRUE(overflow_metadata_unlock(env, "test", node));
+  }
+  // Lets the inner mutex go that a failed unlock of it has left locked.
+  static void releaseInner(overflow_metadata* node) {
+    EXPECT_EQ(mutexUnlock(&node->mutex, LockRank::node), 0);
+  }
+  // Gives a node whose lock is destroyed a new one, so that its record can be dropped.
+  void revive(LuOffHeapValue* value) {
+    ASSERT_TRUE(initialize_overflow_metadata(env, nodeOf(value), map->map));
+  }
+  // The records of one function.
+  std::vector<std::string> linesOf(const std::string& function) const {
+    std::vector<std::string> result;
+    for (const std::string& line : jni.lines()) {
+      if (line.find("|JNI:" + function + ":") != std::string::npos) result.push_back(line);
+    }
+    return result;
   }
 
   OverflowCalls calls;  // what Java was told through the fixture's environment

@@ -442,6 +442,7 @@ public final class OffHeapMap implements AutoCloseable {
                     gates.readmit(partition);
                 }
             }
+            drainOverflow();
             if (event.shouldCommit()) {
                 event.map = name;
                 event.commit();

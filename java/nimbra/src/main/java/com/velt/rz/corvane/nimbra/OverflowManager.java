@@ -402,7 +402,10 @@ final class OverflowManager implements OverflowHandler {
     /** A value and the revision that it belongs to. */
     record Read(byte[] value, long revision) {}
 
-    /** Returns the value of a record and leaves it where it is, as well as the caller's pin. */
+    /**
+     * Returns the value of a record and leaves it where it is, as well as the caller's pin. REQUIRES: inside the gate of
+     * the entry's partition.
+     */
     Read read(long record, String map, String operation) {
         long[] place = new long[READ_WORDS];
         byte[] inMemory = copyIfInMemory(record, place);

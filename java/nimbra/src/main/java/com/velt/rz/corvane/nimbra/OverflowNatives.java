@@ -46,7 +46,7 @@ final class OverflowNatives {
     static native void keep(long record);
 
     /**
-     * Begins to read the value of a record, waiting for its node.
+     * Begins to read the value of a record, waiting for its node and its bucket set. Inside the gate of its partition.
      *
      * <p>In memory: its buffer is pinned for the caller ({@link MapNatives#unpin}) and {@code out} receives the buffer's
      * handle, the address of its first byte, its length in bytes, and the revision; nothing is locked. On disk: the node

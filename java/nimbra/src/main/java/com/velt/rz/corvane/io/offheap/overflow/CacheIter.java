@@ -25,7 +25,8 @@ public final class CacheIter {
     /**
      * Lets go the current entry and moves to the next one that may be moved to disk.
      *
-     * @return the entry, whose locks this thread then holds, or 0 at the end of the sweep
+     * @return the entry, whose locks this thread then holds, with a pin of reason 256 that the caller drops before the
+     *     next call here or in {@link #dispose}; or 0 at the end of the sweep
      */
     public static native long advanceAndNextEvictable();
 
