@@ -253,7 +253,6 @@ public final class Nimbra {
             } finally {
                 if (!running) {
                     Overflow.setHandler(before);
-                    manager.setInternalTracking(false);
                     if (overflowDirectory != null) {
                         overflow.closeStore(); // it is in nobody's way when the caller tries again
                     }

@@ -28,8 +28,7 @@ public final class SwitchProbe {
     }
 
     private static void describe() {
-        System.out.println("record=" + MANAGER.getSize_LuValue());
-        System.out.println("overflow record more=" + MANAGER.getSize_PerEntryMetadata());
+        System.out.println("record of " + MANAGER.getSize_LuValue() + " bytes");
         LuOffHeapMapImpl maps = new LuOffHeapMapImpl();
         long blocks = MANAGER.getAllocatingCountInOffHeap();
         long map = maps.allocateLuOffHeapMap(0, 1, 1, 0, 0);
@@ -42,7 +41,7 @@ public final class SwitchProbe {
         MANAGER.unpinToFree(block, 4);
         System.out.println("blocks left=" + (MANAGER.getAllocatingCountInOffHeap() - blocks));
         try {
-            System.out.println(MANAGER.allocateDirectFromOffHeap(100 << 20, (byte) 0, (byte) 1));
+            System.out.println("granted " + MANAGER.allocateDirectFromOffHeap(100 << 20, (byte) 0, (byte) 1));
         } catch (RuntimeException | OutOfMemoryError e) {
             System.out.println("refused by " + e.getClass().getSimpleName());
         }
