@@ -159,7 +159,7 @@ void* malloc_nb(JNIEnv* env, uint64_t size, uint8_t unchecked, const char* type)
 #endif
   int64_t inUse = getCurrentSize(env);
   if (unchecked == 0) {
-    const bool asksJava = _isDiskOverflowEnabled && _moreMainMemoryNeededID != nullptr;
+    const bool asksJava = _moreMainMemoryNeededID != nullptr;
     if (asksJava ? !passesHardCap(env, size, inUse, type) : !passesMaximum(env, size, inUse)) {
       return nullptr;
     }

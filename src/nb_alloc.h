@@ -18,8 +18,8 @@ extern Relaxed<int64_t> maxOffHeapSize;
 extern Relaxed<uint64_t> _hardCapLimit;
 extern Relaxed<bool> _isDiskOverflowEnabled;
 
-// Java's callback at the hard cap, cached when disk overflow starts and kept from then on. Without
-// it, and with the switch off, the maximum alone is checked.
+// Java's callback at the hard cap, cached when disk overflow starts and kept from then on, whatever
+// becomes of the switch. Without it the maximum alone is checked.
 extern Relaxed<jclass> _overflowClass;
 extern Relaxed<jmethodID> _moreMainMemoryNeededID;
 

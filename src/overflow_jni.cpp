@@ -119,7 +119,10 @@ int64_t lockBucketSetAndNode(JNIEnv* env, const char* tag, LuOffHeapValue* value
     NB_ERROR_GENERIC(env, kLockErrorKey, kAcquireLockText, "BucketSet [of1]");
     return 1;
   }
-  if (!overflow_metadata_lock(env, "from lockBucket after trylock failure", node)) return 1;
+  if (!overflow_metadata_lock(env, "from lockBucket after trylock failure", node)) {
+    unlockBucketSet(set);
+    return 1;
+  }
   const uint16_t before = replaceHoldCount(node, depth);
   NB_DEBUG_AS(env, "lockBucketSetAndMetadata",
               "updating metadata=%p old_lock_depth=%d new_lock_depth=%p", static_cast<void*>(node),

@@ -339,7 +339,7 @@ class Worker {
   uint64_t write_ = 0;
 };
 
-class OverflowStress : public OverflowTest {
+class SweepStress : public OverflowTest {
  protected:
   void SetUp() override {
     trackReqSize_Internal = true;
@@ -365,7 +365,7 @@ class OverflowStress : public OverflowTest {
   int64_t maximum_ = 0;
 };
 
-TEST_F(OverflowStress, EveryOperationUnderConstantSweeps) {
+TEST_F(SweepStress, EveryOperationUnderConstantSweeps) {
   const char* given = std::getenv("NIMBRA_TEST_SEED");
   const uint64_t seed =
       given != nullptr ? std::strtoull(given, nullptr, 0) : std::random_device{}();

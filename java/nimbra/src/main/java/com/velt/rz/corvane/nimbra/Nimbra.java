@@ -31,6 +31,9 @@ public final class Nimbra {
     /** The smallest maximum, in bytes, that {@link Builder#maximumBytes} takes: 1 MiB. */
     public static final long MINIMUM_BYTES = 1L << 20;
 
+    /** The smallest maximum, in bytes, with {@link Builder#overflowTo}: 8 MiB. Native code keeps 2 MiB of it free. */
+    public static final long MINIMUM_BYTES_WITH_OVERFLOW = 8L << 20;
+
     private static final Object STARTING = new Object();
 
     /** Written once, under {@link #STARTING}. */
@@ -198,7 +201,8 @@ public final class Nimbra {
          * any.
          *
          * @throws UncheckedIOException when the overflow directory cannot be used
-         * @throws IllegalStateException when no maximum was set, when the runtime runs with other limits, when the
+         * @throws IllegalStateException when no maximum was set, when it is too small for disk overflow, when the
+         *     runtime runs with other limits, when the
          *     native library could not start, or when it runs already and {@link Diagnostics#setLevels} refuses the
          *     levels
          * @throws UnsatisfiedLinkError when there is no native library for this platform; the message lists the places
@@ -208,6 +212,11 @@ public final class Nimbra {
             if (maximumBytes == 0) {
                 throw new IllegalStateException("maximumBytes is not set");
             }
+            boolean overflows = overflowDirectory != null || store != null;
+            if (overflows && maximumBytes < MINIMUM_BYTES_WITH_OVERFLOW) {
+                throw new IllegalStateException("maximumBytes is " + maximumBytes + ", has to be at least "
+                        + MINIMUM_BYTES_WITH_OVERFLOW + " with disk overflow");
+            }
             synchronized (STARTING) {
                 if (started == null) {
                     OffHeapManager manager = new OffHeapManager();
@@ -216,7 +225,7 @@ public final class Nimbra {
                     }
                     OverflowManager overflow = initialize(manager);
                     started = new Nimbra(maximumBytes, manager, overflow);
-                } else if (started.overflows() != (overflowDirectory != null || store != null)) {
+                } else if (started.overflows() != overflows) {
                     throw new IllegalStateException("Nimbra already runs " + (started.overflows() ? "with" : "without")
                             + " disk overflow, which cannot be changed");
                 } else if (started.maximumBytes != maximumBytes) {

@@ -259,6 +259,7 @@ final class OverflowManager implements OverflowHandler {
                 memoryHits.increment();
                 return inMemory;
             }
+            diskHits.increment();
             byte[] payload = readLocked(record, place, map, operation);
             diskHits.increment();
             if (OverflowNatives.pageIn(record, payload, place[0], place[3], null) == 1) {
@@ -289,6 +290,7 @@ final class OverflowManager implements OverflowHandler {
                 System.arraycopy(place, 1, info, 0, 3);
                 return place[0];
             }
+            diskHits.increment();
             byte[] payload = readLocked(record, place, map, operation);
             diskHits.increment();
             info[2] = place[3];
