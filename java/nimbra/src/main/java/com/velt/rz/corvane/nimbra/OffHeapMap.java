@@ -379,6 +379,7 @@ public final class OffHeapMap implements AutoCloseable {
      * new one. No lock is held while the consumer runs, so it may use this map, and close it.
      *
      * @param consumer receives key and value in arrays of its own; what it throws ends the walk and is passed on
+     * @throws OffHeapStorageException when a value is on disk and cannot be read
      * @throws IllegalStateException when the map is closed, before the walk or during it
      */
     public void forEach(BiConsumer<? super byte[], ? super byte[]> consumer) {
@@ -387,19 +388,18 @@ public final class OffHeapMap implements AutoCloseable {
     }
 
     /**
-     * One step of a walk over a partition, as {@link MapNatives#scan} describes it.
-     *
-     * @param onDisk receives the values that are on disk, at their entry's index; no pins are left on their records
+     * One step of a walk over a partition, as {@link MapNatives#scan} describes it, but without pins on records: for a
+     * value that is on disk, 0 and 0 stand in place of its address and length.
      */
-    int scan(int partition, long[] cursor, long[] found, byte[][] onDisk) {
+    int scan(int partition, long[] cursor, long[] found) {
         if (bounded != null) {
             bounded.collectAll(partition, "forEach");
         }
         gates.enter(partition, "forEach");
         try {
             int count = MapNatives.scan(handles[partition], cursor, found);
-            if (overflow != null && count > 0) {
-                overflow.resolve(found, count, onDisk, name, "forEach");
+            if (overflow != null) {
+                OverflowManager.letRecordsGo(found, count);
             }
             return count;
         } finally {
@@ -573,15 +573,19 @@ public final class OffHeapMap implements AutoCloseable {
         }
     }
 
-    /** Reads the value of a change that was on disk; null when the entry has changed since or is gone. */
-    byte[] valueOfChange(byte[] key, long revision) {
+    /**
+     * Reads the value of an entry that a walk has found on disk; null when it has changed since or is gone.
+     *
+     * @param revision the only one that is wanted, or {@link OverflowManager#ANY_REVISION}
+     */
+    byte[] valueForWalk(byte[] key, long revision, String operation) {
         long hash = hash(key);
         int partition = partition(hash);
         long[] info = new long[3];
-        gates.enter(partition, "changesSince");
+        gates.enter(partition, operation);
         try {
             long handle = MapNatives.pin(handles[partition], key, (int) hash, info);
-            return overflow.valueOfChange(handle, info, revision, name);
+            return overflow.valueForWalk(handle, info, revision, name, operation);
         } finally {
             gates.exit(partition);
         }

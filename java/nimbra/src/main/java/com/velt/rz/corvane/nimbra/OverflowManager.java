@@ -41,6 +41,9 @@ final class OverflowManager implements OverflowHandler {
     private static final int FLAG_ON_DISK = 0x200;
     private static final int REVERSE_MAP_PIN = 32_778;
 
+    /** {@link #valueForWalk}: the latest value, whichever that is. */
+    static final long ANY_REVISION = -1;
+
     /** Failed writes in a row after which a sweep gives up: the store is not to be asked once for each entry. */
     private static final int MOST_FAILURES = 8;
 
@@ -259,7 +262,6 @@ final class OverflowManager implements OverflowHandler {
                 memoryHits.increment();
                 return inMemory;
             }
-            diskHits.increment();
             byte[] payload = readLocked(record, place, map, operation);
             diskHits.increment();
             if (OverflowNatives.pageIn(record, payload, place[0], place[3], null) == 1) {
@@ -290,7 +292,6 @@ final class OverflowManager implements OverflowHandler {
                 System.arraycopy(place, 1, info, 0, 3);
                 return place[0];
             }
-            diskHits.increment();
             byte[] payload = readLocked(record, place, map, operation);
             diskHits.increment();
             info[2] = place[3];
@@ -308,37 +309,27 @@ final class OverflowManager implements OverflowHandler {
     }
 
     /**
-     * Reads the values on disk among the entries of a walk and drops the pins on their records. REQUIRES: inside the gate
-     * of the entries' partition.
+     * Drops the pins on the records of those entries of a walk whose values are on disk. A walk reads them later and one
+     * by one: many values together may be more than the heap holds. REQUIRES: inside the gate of the entries' partition.
      *
-     * @param found as {@link MapNatives#scan} fills it; when this throws, all its pins are dropped
-     * @param values receives those that are on disk, at their entry's index
+     * @param found as {@link MapNatives#scan} fills it
      */
-    void resolve(long[] found, int count, byte[][] values, String map, String operation) {
-        boolean complete = false;
-        try {
-            for (int entry = 0; entry < count; entry++) {
-                int at = entry * EntryWalk.FIELDS;
-                values[entry] = null;
-                if (found[at + 2] == 0) {
-                    long record = found[at + 3];
-                    values[entry] = read(record, map, operation).value;
-                    found[at + 3] = 0;
-                    OverflowNatives.unpinRecord(record);
-                }
-            }
-            complete = true;
-        } finally {
-            if (!complete) {
-                MapNatives.unpinAll(found, 0, count);
+    static void letRecordsGo(long[] found, int count) {
+        for (int entry = 0; entry < count; entry++) {
+            int at = entry * EntryWalk.FIELDS;
+            if (found[at + 2] == 0) {
+                long record = found[at + 3];
+                found[at + 3] = 0;
+                OverflowNatives.unpinRecord(record);
             }
         }
     }
 
     /**
-     * As {@link #resolve}, for entries that were evicted: one that cannot be read is gone all the same, so that is only
-     * logged.
+     * Reads the values on disk among entries that were evicted, and drops the pins on their records. A value that cannot
+     * be read is gone all the same, so that is only logged. REQUIRES: inside the gate of the entries' partition.
      *
+     * @param found as {@link BoundedNatives#evict} fills it; when this throws, all its pins are dropped
      * @param wanted false when nobody wants the values
      * @return the values on disk, at their entry's index
      */
@@ -376,26 +367,28 @@ final class OverflowManager implements OverflowHandler {
     }
 
     /**
-     * Returns the value that a change belongs to, or null when the entry has changed since or is gone. REQUIRES: inside
-     * the gate of the entry's partition.
+     * Returns the value that a lookup for a walk has found, or null when the entry has changed since or is gone. REQUIRES:
+     * inside the gate of the entry's partition.
      *
      * @param handle as {@link MapNatives#pin} returns it
      * @param info what it filled in
+     * @param revision the only one that is wanted, or {@link #ANY_REVISION}
      */
-    byte[] valueOfChange(long handle, long[] info, long revision, String map) {
+    byte[] valueForWalk(long handle, long[] info, long revision, String map, String operation) {
         if (handle >= 0) {
             if (handle == 0) {
                 return null;
             }
             try {
-                return info[2] == revision ? OffHeapMap.copy(info[0], info[1]) : null;
+                boolean wanted = revision == ANY_REVISION || revision == info[2];
+                return wanted ? OffHeapMap.copy(info[0], info[1]) : null;
             } finally {
                 MapNatives.unpin(handle);
             }
         }
         try {
-            Read read = read(-handle, map, "changesSince");
-            return read.revision == revision ? read.value : null;
+            Read read = read(-handle, map, operation);
+            return revision == ANY_REVISION || revision == read.revision ? read.value : null;
         } finally {
             OverflowNatives.unpinRecord(-handle);
         }

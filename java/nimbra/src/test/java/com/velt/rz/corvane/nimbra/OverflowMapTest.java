@@ -12,6 +12,7 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertNotNull;
 import static org.junit.jupiter.api.Assertions.assertNull;
+import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.nio.ByteBuffer;
@@ -377,6 +378,88 @@ class OverflowMapTest {
             assertEquals(before, stats());
             assertNotNull(map.get(bytes(1)));
             assertEquals(before.diskHits() + 1, stats().diskHits());
+        }
+    }
+
+    /** All of them together are more than the heap of this process. */
+    @Test
+    void aWalkHoldsOneLargeValueAtATime() {
+        int length = 4 << 20;
+        int entries = (int) (Runtime.getRuntime().maxMemory() / length) + 4;
+        try (OffHeapMap map = OffHeapMap.builder().partitions(1).build()) {
+            for (int i = 0; i < entries; i++) {
+                byte[] value = new byte[length];
+                value[i] = 1;
+                map.put(bytes(i), value);
+            }
+            int[] walked = {0};
+            map.forEach((key, value) -> {
+                assertEquals(1, value[(int) id(key)]);
+                walked[0]++;
+            });
+            assertEquals(entries, walked[0]);
+        }
+    }
+
+    @Test
+    void aWalkGoesOnWhileItsEntriesChange() {
+        try (OffHeapMap map = OffHeapMap.builder().partitions(1).build()) {
+            for (int i = 0; i < 40; i++) {
+                map.put(bytes(i), value(i, 100));
+            }
+            pushOut();
+            List<Long> walked = new ArrayList<>();
+            map.forEach((key, value) -> {
+                long id = id(key);
+                if (walked.isEmpty()) {
+                    for (int i = 0; i < 40; i++) {
+                        if (i % 2 == 0 && i != id) {
+                            map.remove(bytes(i));
+                        } else if (i != id) {
+                            map.put(bytes(i), value(-i, 200));
+                        }
+                    }
+                    assertArrayEquals(value(id, 100), value);
+                } else {
+                    assertArrayEquals(value(-id, 200), value);
+                }
+                walked.add(id);
+            });
+            walked.remove(0);
+            assertTrue(walked.stream().allMatch(id -> id % 2 == 1), walked::toString);
+            assertTrue(walked.size() == 19 || walked.size() == 20, walked::toString);
+        }
+    }
+
+    @Test
+    void valuesThatArePinnedMakeNoRoom() {
+        List<PinnedValue> pinned = new ArrayList<>();
+        try (OffHeapMap map = map()) {
+            int stored = 0;
+            try {
+                while (true) {
+                    map.put(bytes(stored), value(stored, 100_000));
+                    pinned.add(map.pin(bytes(stored)));
+                    stored++;
+                }
+            } catch (OffHeapMemoryException e) {
+                // as many as fit
+            }
+            assertTrue(stored > 50, "stored " + stored);
+            long blocks = OverflowRuntime.blocks();
+            for (int i = 0; i < 5; i++) {
+                assertThrows(OffHeapMemoryException.class, () -> map.put(bytes(-1), value(-1, 1 << 20)));
+            }
+            drain();
+            assertTrue(OverflowRuntime.blocks() <= blocks);
+            for (int i = 0; i < stored; i++) {
+                assertArrayEquals(value(i, 100_000), read(pinned.get(i).buffer()));
+                pinned.get(i).close();
+            }
+            assertTrue(map.put(bytes(-1), value(-1, 1 << 20)));
+            for (int i = 0; i < stored; i++) {
+                assertArrayEquals(value(i, 100_000), map.get(bytes(i)));
+            }
         }
     }
 

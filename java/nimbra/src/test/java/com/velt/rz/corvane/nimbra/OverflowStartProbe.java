@@ -10,11 +10,13 @@ import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.velt.rz.corvane.io.offheap.OffHeapManager;
+import com.velt.rz.corvane.io.offheap.util.OffHeapLogger;
 import java.io.IOException;
 import java.io.UncheckedIOException;
 import java.nio.ByteBuffer;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.List;
 
 /** What {@link OverflowStartTest} checks in processes of their own. The arguments name the check and a path. */
 final class OverflowStartProbe {
@@ -29,6 +31,7 @@ final class OverflowStartProbe {
             case "twice" -> startedTwice(path);
             case "without" -> startedWithout(path);
             case "refused" -> refusedAndTriedAgain(path);
+            case "levels" -> everyLevel(path);
             case "locked" -> unusable(path, " is in use by a value store of another process");
             case "unusable" -> unusable(path, path.toString());
             default -> throw new IllegalArgumentException(arguments[0]);
@@ -93,6 +96,37 @@ final class OverflowStartProbe {
         assertFalse(Nimbra.isStarted());
         assertTrue(manager.unpinToFree(block, 4));
         assertStores(builder.start());
+    }
+
+    /** All records are made, and the pins that disk overflow takes and drops leave nothing behind. */
+    private static void everyLevel(Path path) {
+        OffHeapLogger.setSink((method, key, text) -> {});
+        Nimbra nimbra = options()
+                .overflowTo(path, DISK)
+                .traceLevels(TraceLevel.values())
+                .start();
+        long before = nimbra.stats().blocks();
+        byte[] value = new byte[100_000];
+        try (OffHeapMap map = OffHeapMap.builder().partitions(1).build()) {
+            for (int i = 0; i < 100; i++) {
+                map.put(bytes(i), value);
+            }
+            map.put(bytes(0), value);
+            map.remove(bytes(1));
+            assertArrayEquals(value, map.get(bytes(2)));
+            map.pin(bytes(3)).close();
+            map.forEach((key, found) -> assertEquals(value.length, found.length));
+            try (ChangeIterator changes = map.changesSince(0)) {
+                while (changes.hasNext()) {
+                    assertArrayEquals(value, changes.next().copyValue());
+                }
+            }
+            assertTrue(nimbra.overflowStats().diskHits() >= 2);
+        }
+        assertEquals(before, nimbra.stats().blocks());
+        List<PinReport.TrackedObject> tracked = nimbra.diagnostics().pinReport().objects();
+        assertTrue(tracked.size() > 200, "the levels keep those whose pins are gone");
+        tracked.forEach(object -> assertEquals(0, object.outstandingPins(), object::toString));
     }
 
     private static void unusable(Path path, String reason) throws IOException {

@@ -37,7 +37,7 @@ class OverflowStartTest {
 
     @Tag("child-jvm")
     @ParameterizedTest
-    @ValueSource(strings = {"twice", "without", "refused"})
+    @ValueSource(strings = {"twice", "without", "refused", "levels"})
     void inAProcessOfItsOwn(String check) throws IOException {
         run(check, directory.resolve("new/overflow"));
         if (!check.equals("without")) {

@@ -61,7 +61,7 @@ class OverflowSuiteTest {
     @MethodSource("classes")
     void inAProcessOfItsOwn(String name) {
         ChildJvm.Result result = ChildJvm.run(
-                List.of("-Xcheck:jni", "-Xmx256m", "-Dnimbra.log.level=0", "-Djava.util.logging.config.file=none"),
+                List.of("-Xcheck:jni", "-Xmx128m", "-Dnimbra.log.level=0", "-Djava.util.logging.config.file=none"),
                 "org.junit.platform.console.ConsoleLauncher",
                 "execute",
                 "--disable-banner",
