@@ -693,7 +693,7 @@ public final class OffHeapMap implements AutoCloseable {
         private static final float MAX_LOAD_FACTOR = 64;
 
         private String name;
-        private int partitions = defaultPartitions(Runtime.getRuntime().availableProcessors());
+        private int partitions = MapSizes.defaultPartitions(Runtime.getRuntime().availableProcessors());
         private int bucketSets = 16;
         private float loadFactor = 0.75f;
         private int maximumValueLength = MAX_VALUE_LENGTH;
@@ -714,8 +714,8 @@ public final class OffHeapMap implements AutoCloseable {
          * @param count 1 to 4,096
          */
         public Builder partitions(int count) {
-            checkRange("partitions", count, MAX_PARTITIONS);
-            partitions = roundUp(count);
+            MapSizes.checkRange("partitions", count, MAX_PARTITIONS);
+            partitions = MapSizes.roundUp(count);
             return this;
         }
 
@@ -725,8 +725,8 @@ public final class OffHeapMap implements AutoCloseable {
          * @param count 1 to 65,536
          */
         public Builder bucketSets(int count) {
-            checkRange("bucketSets", count, MAX_BUCKET_SETS);
-            bucketSets = roundUp(count);
+            MapSizes.checkRange("bucketSets", count, MAX_BUCKET_SETS);
+            bucketSets = MapSizes.roundUp(count);
             return this;
         }
 
@@ -750,7 +750,7 @@ public final class OffHeapMap implements AutoCloseable {
          * @param bytes 1 to {@link OffHeapMap#MAX_VALUE_LENGTH}
          */
         public Builder maximumValueLength(int bytes) {
-            checkRange("maximumValueLength", bytes, MAX_VALUE_LENGTH);
+            MapSizes.checkRange("maximumValueLength", bytes, MAX_VALUE_LENGTH);
             maximumValueLength = bytes;
             return this;
         }
@@ -847,7 +847,7 @@ public final class OffHeapMap implements AutoCloseable {
          */
         public OffHeapMap build() {
             eviction.check();
-            NimbraStats stats = Nimbra.get().stats();
+            Nimbra nimbra = Nimbra.get();
             int id = MAPS_MADE.incrementAndGet();
             String mapName = name != null ? name : "map-" + id;
             LuOffHeapMapImpl natives = new LuOffHeapMapImpl();
@@ -858,10 +858,10 @@ public final class OffHeapMap implements AutoCloseable {
                     bytesNeeded(),
                     "creating map \"" + mapName + "\" with " + partitions + " partitions");
             // A table that is refused halfway keeps what it has got, so the room is looked for beforehand.
-            if (Nimbra.get().overflows()) {
-                Nimbra.get().overflow().makeRoom(bytesNeeded());
-                stats = Nimbra.get().stats();
+            if (nimbra.overflows()) {
+                nimbra.overflow().makeRoom(bytesNeeded());
             }
+            NimbraStats stats = nimbra.stats();
             if (stats.bytesInUse() + bytesNeeded() >= stats.maximumBytes()) {
                 throw request.refuse();
             }
@@ -892,26 +892,9 @@ public final class OffHeapMap implements AutoCloseable {
             }
         }
 
-        /** At least the bytes that the empty map takes, with room for the pages of size classes not in use yet. */
+        /** Bytes that the empty map takes at most. */
         long bytesNeeded() {
-            long header = (bucketSets + 2) * 64L;
-            long buckets = bucketSets * 16L;
-            return partitions * ((header + buckets) * 5 / 4 + 512) + (64 << 10);
-        }
-
-        static int defaultPartitions(int processors) {
-            return Math.min(256, Math.max(16, roundUp(4 * Math.min(processors, 64))));
-        }
-
-        private static int roundUp(int count) {
-            return count == 1 ? 1 : Integer.highestOneBit(count - 1) << 1;
-        }
-
-        private static void checkRange(String option, int value, int greatest) {
-            if (value < 1 || value > greatest) {
-                throw new IllegalArgumentException(
-                        option + " is " + value + ", has to be at least 1 and at most " + greatest);
-            }
+            return MapSizes.bytesOfEmptyMap(partitions, bucketSets);
         }
     }
 }
