@@ -127,7 +127,8 @@ public final class ChangeIterator implements Iterator<Change>, AutoCloseable {
         }
         boolean complete = false;
         try {
-            valueRead = map.valueOfChange(OffHeapMap.copy(entries[at + 1], entries[at + 2]), windowStart + 1 + place);
+            valueRead = map.valueForWalk(
+                    OffHeapMap.copy(entries[at + 1], entries[at + 2]), windowStart + 1 + place, "changesSince");
             complete = true;
         } finally {
             if (!complete) {

@@ -2,6 +2,7 @@ package com.velt.rz.corvane.nimbra;
 
 import com.velt.rz.corvane.io.offheap.OffHeapManager;
 import com.velt.rz.corvane.io.offheap.overflow.Overflow;
+import com.velt.rz.corvane.io.offheap.overflow.OverflowHandler;
 import com.velt.rz.corvane.io.offheap.util.OffHeapLogger;
 import com.velt.rz.corvane.nimbra.overflow.ValueStore;
 import com.velt.rz.corvane.nimbra.overflow.ValueStores;
@@ -246,22 +247,36 @@ public final class Nimbra {
                     throw new UncheckedIOException("disk overflow to " + overflowDirectory + ": " + e.getMessage(), e);
                 }
             }
-            OverflowManager overflow = null;
-            if (values != null) {
-                // Before the first block: the pages in use hardly fall when single values go.
-                manager.setInternalTracking(true);
-                overflow = new OverflowManager(manager, values);
-                Overflow.setHandler(overflow);
-                Runtime.getRuntime().addShutdownHook(new Thread(overflow::closeStore, "nimbra-overflow-end"));
+            if (values == null) {
+                initialize(manager, false);
+                return null;
             }
-            if (!manager.initializeOffHeap(maximumBytes, 0, 0, overflow != null)) {
-                if (overflow != null) {
-                    overflow.closeStore();
+            // Before the first block: the pages in use hardly fall when single values go.
+            manager.setInternalTracking(true);
+            OverflowManager overflow = new OverflowManager(manager, values);
+            OverflowHandler before = Overflow.setHandler(overflow);
+            boolean running = false;
+            try {
+                initialize(manager, true);
+                running = true;
+            } finally {
+                if (!running) {
+                    Overflow.setHandler(before);
+                    if (overflowDirectory != null) {
+                        overflow.closeStore(); // it is in nobody's way when the caller tries again
+                    }
                 }
+            }
+            overflow.startReaper();
+            Runtime.getRuntime().addShutdownHook(new Thread(overflow::closeStore, "nimbra-overflow-end"));
+            return overflow;
+        }
+
+        private void initialize(OffHeapManager manager, boolean overflows) {
+            if (!manager.initializeOffHeap(maximumBytes, 0, 0, overflows)) {
                 throw new IllegalStateException("the native library did not start with maximumBytes " + maximumBytes
                         + "; its log names the step that failed");
             }
-            return overflow;
         }
     }
 }

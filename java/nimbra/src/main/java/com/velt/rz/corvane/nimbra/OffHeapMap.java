@@ -379,6 +379,7 @@ public final class OffHeapMap implements AutoCloseable {
      * new one. No lock is held while the consumer runs, so it may use this map, and close it.
      *
      * @param consumer receives key and value in arrays of its own; what it throws ends the walk and is passed on
+     * @throws OffHeapStorageException when a value is on disk and cannot be read
      * @throws IllegalStateException when the map is closed, before the walk or during it
      */
     public void forEach(BiConsumer<? super byte[], ? super byte[]> consumer) {
@@ -387,19 +388,18 @@ public final class OffHeapMap implements AutoCloseable {
     }
 
     /**
-     * One step of a walk over a partition, as {@link MapNatives#scan} describes it.
-     *
-     * @param onDisk receives the values that are on disk, at their entry's index; no pins are left on their records
+     * One step of a walk over a partition, as {@link MapNatives#scan} describes it, but without pins on records: for a
+     * value that is on disk, 0 and 0 stand in place of its address and length.
      */
-    int scan(int partition, long[] cursor, long[] found, byte[][] onDisk) {
+    int scan(int partition, long[] cursor, long[] found) {
         if (bounded != null) {
             bounded.collectAll(partition, "forEach");
         }
         gates.enter(partition, "forEach");
         try {
             int count = MapNatives.scan(handles[partition], cursor, found);
-            if (overflow != null && count > 0) {
-                overflow.resolve(found, count, onDisk, name, "forEach");
+            if (overflow != null) {
+                OverflowManager.letRecordsGo(found, count);
             }
             return count;
         } finally {
@@ -573,15 +573,19 @@ public final class OffHeapMap implements AutoCloseable {
         }
     }
 
-    /** Reads the value of a change that was on disk; null when the entry has changed since or is gone. */
-    byte[] valueOfChange(byte[] key, long revision) {
+    /**
+     * Reads the value of an entry that a walk has found on disk; null when it has changed since or is gone.
+     *
+     * @param revision the only one that is wanted, or {@link OverflowManager#ANY_REVISION}
+     */
+    byte[] valueForWalk(byte[] key, long revision, String operation) {
         long hash = hash(key);
         int partition = partition(hash);
         long[] info = new long[3];
-        gates.enter(partition, "changesSince");
+        gates.enter(partition, operation);
         try {
             long handle = MapNatives.pin(handles[partition], key, (int) hash, info);
-            return overflow.valueOfChange(handle, info, revision, name);
+            return overflow.valueForWalk(handle, info, revision, name, operation);
         } finally {
             gates.exit(partition);
         }
@@ -689,7 +693,7 @@ public final class OffHeapMap implements AutoCloseable {
         private static final float MAX_LOAD_FACTOR = 64;
 
         private String name;
-        private int partitions = defaultPartitions(Runtime.getRuntime().availableProcessors());
+        private int partitions = MapSizes.defaultPartitions(Runtime.getRuntime().availableProcessors());
         private int bucketSets = 16;
         private float loadFactor = 0.75f;
         private int maximumValueLength = MAX_VALUE_LENGTH;
@@ -710,8 +714,8 @@ public final class OffHeapMap implements AutoCloseable {
          * @param count 1 to 4,096
          */
         public Builder partitions(int count) {
-            checkRange("partitions", count, MAX_PARTITIONS);
-            partitions = roundUp(count);
+            MapSizes.checkRange("partitions", count, MAX_PARTITIONS);
+            partitions = MapSizes.roundUp(count);
             return this;
         }
 
@@ -721,8 +725,8 @@ public final class OffHeapMap implements AutoCloseable {
          * @param count 1 to 65,536
          */
         public Builder bucketSets(int count) {
-            checkRange("bucketSets", count, MAX_BUCKET_SETS);
-            bucketSets = roundUp(count);
+            MapSizes.checkRange("bucketSets", count, MAX_BUCKET_SETS);
+            bucketSets = MapSizes.roundUp(count);
             return this;
         }
 
@@ -746,7 +750,7 @@ public final class OffHeapMap implements AutoCloseable {
          * @param bytes 1 to {@link OffHeapMap#MAX_VALUE_LENGTH}
          */
         public Builder maximumValueLength(int bytes) {
-            checkRange("maximumValueLength", bytes, MAX_VALUE_LENGTH);
+            MapSizes.checkRange("maximumValueLength", bytes, MAX_VALUE_LENGTH);
             maximumValueLength = bytes;
             return this;
         }
@@ -843,7 +847,7 @@ public final class OffHeapMap implements AutoCloseable {
          */
         public OffHeapMap build() {
             eviction.check();
-            NimbraStats stats = Nimbra.get().stats();
+            Nimbra nimbra = Nimbra.get();
             int id = MAPS_MADE.incrementAndGet();
             String mapName = name != null ? name : "map-" + id;
             LuOffHeapMapImpl natives = new LuOffHeapMapImpl();
@@ -854,10 +858,10 @@ public final class OffHeapMap implements AutoCloseable {
                     bytesNeeded(),
                     "creating map \"" + mapName + "\" with " + partitions + " partitions");
             // A table that is refused halfway keeps what it has got, so the room is looked for beforehand.
-            if (Nimbra.get().overflows()) {
-                Nimbra.get().overflow().makeRoom(bytesNeeded());
-                stats = Nimbra.get().stats();
+            if (nimbra.overflows()) {
+                nimbra.overflow().makeRoom(bytesNeeded());
             }
+            NimbraStats stats = nimbra.stats();
             if (stats.bytesInUse() + bytesNeeded() >= stats.maximumBytes()) {
                 throw request.refuse();
             }
@@ -888,26 +892,9 @@ public final class OffHeapMap implements AutoCloseable {
             }
         }
 
-        /** At least the bytes that the empty map takes, with room for the pages of size classes not in use yet. */
+        /** Bytes that the empty map takes at most. */
         long bytesNeeded() {
-            long header = (bucketSets + 2) * 64L;
-            long buckets = bucketSets * 16L;
-            return partitions * ((header + buckets) * 5 / 4 + 512) + (64 << 10);
-        }
-
-        static int defaultPartitions(int processors) {
-            return Math.min(256, Math.max(16, roundUp(4 * Math.min(processors, 64))));
-        }
-
-        private static int roundUp(int count) {
-            return count == 1 ? 1 : Integer.highestOneBit(count - 1) << 1;
-        }
-
-        private static void checkRange(String option, int value, int greatest) {
-            if (value < 1 || value > greatest) {
-                throw new IllegalArgumentException(
-                        option + " is " + value + ", has to be at least 1 and at most " + greatest);
-            }
+            return MapSizes.bytesOfEmptyMap(partitions, bucketSets);
         }
     }
 }

@@ -41,8 +41,14 @@ final class OverflowManager implements OverflowHandler {
     private static final int FLAG_ON_DISK = 0x200;
     private static final int REVERSE_MAP_PIN = 32_778;
 
-    /** Failed writes after which a sweep gives up: the store is not to be asked once for each entry. */
+    /** {@link #valueForWalk}: the latest value, whichever that is. */
+    static final long ANY_REVISION = -1;
+
+    /** Failed writes in a row after which a sweep gives up: the store is not to be asked once for each entry. */
     private static final int MOST_FAILURES = 8;
+
+    /** No position of a store. */
+    private static final long NOT_WRITTEN = 0;
 
     private static final int SWEEP_WORDS = 7;
     private static final int READ_WORDS = 4;
@@ -72,6 +78,10 @@ final class OverflowManager implements OverflowHandler {
         this.store = store;
         this.reaper = new Thread(this::reap, "nimbra-overflow");
         reaper.setDaemon(true);
+    }
+
+    /** Starts the thread that frees what was deleted. Until then only {@link #drain} does. */
+    void startReaper() {
         reaper.start();
     }
 
@@ -145,8 +155,9 @@ final class OverflowManager implements OverflowHandler {
         long threshold = threshold();
         long goal = threshold - size - Math.min(1L << 20, Math.max(0, threshold) / 256);
         long blocks = Math.max(1, manager.getAllocatingCountInOffHeap());
-        // Two rounds over all entries: the first takes the marks of their last use away.
-        CacheIter.init(blocks, 2 * blocks + 1_000, true);
+        // Two rounds over all entries, each of at least two blocks: the first takes the marks of their last use away.
+        // Not more: where there are few entries, each costs the sweep a way past all its lists.
+        CacheIter.init(blocks, 2 * blocks, true);
         try {
             long[] candidate = new long[SWEEP_WORDS];
             int failures = 0;
@@ -155,7 +166,9 @@ final class OverflowManager implements OverflowHandler {
                 if (record == 0) {
                     break;
                 }
-                if (!moveOut(record, candidate)) {
+                if (moveOut(record, candidate)) {
+                    failures = 0;
+                } else {
                     failures++;
                 }
             }
@@ -168,30 +181,41 @@ final class OverflowManager implements OverflowHandler {
 
     /** Returns false when the value stays in memory. */
     private boolean moveOut(long record, long[] candidate) {
-        boolean moved = false;
+        if (candidate[5] == 1) {
+            OverflowNatives.evicted(record, candidate[2], (int) candidate[3], candidate[4]);
+            copiesReused.increment();
+        } else {
+            long position = NOT_WRITTEN;
+            try {
+                position = write(candidate);
+            } finally {
+                if (position == NOT_WRITTEN) {
+                    OverflowNatives.keep(record);
+                }
+            }
+            if (position == NOT_WRITTEN) {
+                return false;
+            }
+            OverflowNatives.evicted(record, position, (int) candidate[1], 0);
+        }
+        pageOuts.increment();
+        return true;
+    }
+
+    /** Returns the position on disk, or {@link #NOT_WRITTEN}. */
+    private long write(long[] candidate) {
+        long length = candidate[1];
+        if (length > Math.min(PhantomWindows.MAX_LENGTH, ValueStore.MAX_LENGTH)) {
+            return NOT_WRITTEN;
+        }
         try {
-            if (candidate[5] == 1) {
-                copiesReused.increment();
-                OverflowNatives.evicted(record, candidate[2], (int) candidate[3], candidate[4]);
-                moved = true;
-            } else if (candidate[1] <= Math.min(PhantomWindows.MAX_LENGTH, ValueStore.MAX_LENGTH)) {
-                int length = (int) candidate[1];
-                long position = store.write(PhantomWindows.readOnlySlice(candidate[0], length));
-                OverflowNatives.evicted(record, position, length, 0);
-                moved = true;
-            }
-            if (moved) {
-                pageOuts.increment();
-            }
-        } catch (IOException e) {
+            return store.write(PhantomWindows.readOnlySlice(candidate[0], (int) length));
+        } catch (IOException | RuntimeException e) {
+            // Whatever the store throws, the allocation that is under way has no part in it.
             failedWrites.increment();
             LOGGER.log(e instanceof StoreFullException ? Level.DEBUG : Level.WARNING, "a value stays in memory", e);
-        } finally {
-            if (!moved) {
-                OverflowNatives.keep(record);
-            }
+            return NOT_WRITTEN;
         }
-        return moved;
     }
 
     // ---- In ----------------------------------------------------------------------------------
@@ -238,8 +262,8 @@ final class OverflowManager implements OverflowHandler {
                 memoryHits.increment();
                 return inMemory;
             }
-            diskHits.increment();
             byte[] payload = readLocked(record, place, map, operation);
+            diskHits.increment();
             if (OverflowNatives.pageIn(record, payload, place[0], place[3], null) == 1) {
                 pageIns.increment();
             }
@@ -268,8 +292,8 @@ final class OverflowManager implements OverflowHandler {
                 System.arraycopy(place, 1, info, 0, 3);
                 return place[0];
             }
-            diskHits.increment();
             byte[] payload = readLocked(record, place, map, operation);
+            diskHits.increment();
             info[2] = place[3];
             long handle = OverflowNatives.pageIn(record, payload, place[0], place[3], info);
             if (handle == 0) {
@@ -285,21 +309,41 @@ final class OverflowManager implements OverflowHandler {
     }
 
     /**
-     * Reads the values on disk among the entries of a walk and drops the pins on their records. REQUIRES: inside the gate
-     * of the entries' partition.
+     * Drops the pins on the records of those entries of a walk whose values are on disk. A walk reads them later and one
+     * by one: many values together may be more than the heap holds. REQUIRES: inside the gate of the entries' partition.
      *
-     * @param found as {@link MapNatives#scan} fills it; when this throws, all its pins are dropped
-     * @param values receives those that are on disk, at their entry's index
+     * @param found as {@link MapNatives#scan} fills it
      */
-    void resolve(long[] found, int count, byte[][] values, String map, String operation) {
+    static void letRecordsGo(long[] found, int count) {
+        for (int entry = 0; entry < count; entry++) {
+            int at = entry * EntryWalk.FIELDS;
+            if (found[at + 2] == 0) {
+                long record = found[at + 3];
+                found[at + 3] = 0;
+                OverflowNatives.unpinRecord(record);
+            }
+        }
+    }
+
+    /**
+     * Reads the values on disk among entries that were evicted, and drops the pins on their records. A value that cannot
+     * be read is gone all the same, so that is only logged. REQUIRES: inside the gate of the entries' partition.
+     *
+     * @param found as {@link BoundedNatives#evict} fills it; when this throws, all its pins are dropped
+     * @param wanted false when nobody wants the values
+     * @return the values on disk, at their entry's index
+     */
+    byte[][] resolveEvicted(long[] found, int count, boolean wanted, String map) {
+        byte[][] values = new byte[count][];
         boolean complete = false;
         try {
             for (int entry = 0; entry < count; entry++) {
                 int at = entry * EntryWalk.FIELDS;
-                values[entry] = null;
                 if (found[at + 2] == 0) {
                     long record = found[at + 3];
-                    values[entry] = read(record, map, operation).value;
+                    if (wanted) {
+                        values[entry] = readEvicted(record, map);
+                    }
                     found[at + 3] = 0;
                     OverflowNatives.unpinRecord(record);
                 }
@@ -310,58 +354,41 @@ final class OverflowManager implements OverflowHandler {
                 MapNatives.unpinAll(found, 0, count);
             }
         }
-    }
-
-    /**
-     * As {@link #resolve}, for entries that were evicted: one that cannot be read is gone all the same, so that is only
-     * logged.
-     *
-     * @param wanted false when nobody wants the values
-     * @return the values on disk, at their entry's index
-     */
-    byte[][] resolveEvicted(long[] found, int count, boolean wanted, String map) {
-        byte[][] values = new byte[count][];
-        for (int entry = 0; entry < count; entry++) {
-            int at = entry * EntryWalk.FIELDS;
-            if (found[at + 2] != 0) {
-                continue;
-            }
-            long record = found[at + 3];
-            try {
-                if (wanted) {
-                    values[entry] = read(record, map, "eviction").value;
-                }
-            } catch (OffHeapStorageException e) {
-                LOGGER.log(Level.WARNING, "the listener misses an eviction", e);
-            } finally {
-                found[at + 3] = 0;
-                OverflowNatives.unpinRecord(record);
-            }
-        }
         return values;
     }
 
+    private byte[] readEvicted(long record, String map) {
+        try {
+            return read(record, map, "eviction").value;
+        } catch (OffHeapStorageException e) {
+            LOGGER.log(Level.WARNING, "the listener misses an eviction", e);
+            return null;
+        }
+    }
+
     /**
-     * Returns the value that a change belongs to, or null when the entry has changed since or is gone. REQUIRES: inside
-     * the gate of the entry's partition.
+     * Returns the value that a lookup for a walk has found, or null when the entry has changed since or is gone. REQUIRES:
+     * inside the gate of the entry's partition.
      *
      * @param handle as {@link MapNatives#pin} returns it
      * @param info what it filled in
+     * @param revision the only one that is wanted, or {@link #ANY_REVISION}
      */
-    byte[] valueOfChange(long handle, long[] info, long revision, String map) {
+    byte[] valueForWalk(long handle, long[] info, long revision, String map, String operation) {
         if (handle >= 0) {
             if (handle == 0) {
                 return null;
             }
             try {
-                return info[2] == revision ? OffHeapMap.copy(info[0], info[1]) : null;
+                boolean wanted = revision == ANY_REVISION || revision == info[2];
+                return wanted ? OffHeapMap.copy(info[0], info[1]) : null;
             } finally {
                 MapNatives.unpin(handle);
             }
         }
         try {
-            Read read = read(-handle, map, "changesSince");
-            return read.revision == revision ? read.value : null;
+            Read read = read(-handle, map, operation);
+            return revision == ANY_REVISION || revision == read.revision ? read.value : null;
         } finally {
             OverflowNatives.unpinRecord(-handle);
         }
@@ -401,7 +428,7 @@ final class OverflowManager implements OverflowHandler {
             byte[] payload = new byte[(int) place[1]];
             store.read(place[0], payload.length, ByteBuffer.wrap(payload));
             return payload;
-        } catch (IOException e) {
+        } catch (IOException | RuntimeException e) {
             throw new OffHeapStorageException(
                     operation + " on map \"" + map + "\": a value of " + (place[1] - OverflowNatives.PAYLOAD_HEADER)
                             + " bytes at position " + place[0] + " on disk could not be read: " + e.getMessage(),
