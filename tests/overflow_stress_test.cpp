@@ -342,8 +342,10 @@ class Worker {
 class SweepStress : public OverflowTest {
  protected:
   void SetUp() override {
-    trackReqSize_Internal = true;
     OverflowTest::SetUp();
+    // The bytes of live blocks; those that are alive already were not counted.
+    allocatingOffHeapSize = 1 << 20;
+    trackReqSize_Internal = true;
     chunk_ = jemallocChunkSize.load();
     jemallocChunkSize = uint64_t{4096};
     maximum_ = maxOffHeapSize;
@@ -357,7 +359,6 @@ class SweepStress : public OverflowTest {
     _hardCapLimit = hardCapOf(maximum_);
     jemallocChunkSize = chunk_;
     OverflowTest::TearDown();
-    trackReqSize_Internal = false;
   }
 
  private:
