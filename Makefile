@@ -5,6 +5,7 @@
 #   ARGS           passed on to the demo or to the Java benchmarks
 #   JOBS           parallel jobs (default: all cores)
 #   JEMALLOC_ROOT  a ready je-prefixed jemalloc 5, instead of one built from Debian's source
+#   SECONDS, SEED  length and random seed of the stress with values on disk
 #   SETUP=no       skips the installation of Debian packages
 
 SHELL := /bin/bash
@@ -15,6 +16,8 @@ SHELL := /bin/bash
 MAKEFLAGS += --no-print-directory
 
 ARGS ?=
+SECONDS ?= 60
+SEED ?=
 SETUP ?= yes
 JOBS ?= $(shell nproc)
 JEMALLOC_ROOT ?= $(CURDIR)/build/jemalloc
@@ -68,7 +71,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native demo demo-diagnostics bench check format
+.PHONY: test test-native stress-overflow demo demo-diagnostics demo-overflow bench bench-stores check format
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -76,6 +79,10 @@ test: native build/debug/build.ninja
 test-native: ## run the native tests only
 test-native: build/debug/build.ninja
 	@tools/test.sh native
+
+stress-overflow: ## use two maps in every way while values go to disk (SECONDS=N, SEED=N)
+stress-overflow: native
+	@tools/stress_overflow.sh $(SECONDS) $(SEED)
 
 demo: ## keep every class file of the JDK off heap and check each byte (ARGS="--input DIR")
 demo: java
@@ -85,9 +92,17 @@ demo-diagnostics: ## plant a leaked pin and a slow phase, and find both
 demo-diagnostics: java
 	@tools/demo.sh diagnostics
 
+demo-overflow: ## keep 1 GiB of values in 256 MiB of memory and on disk (ARGS="--seconds N")
+demo-overflow: java
+	@tools/demo.sh overflow $(ARGS)
+
 bench: ## run the native and the Java benchmarks (ARGS: options for the Java ones)
 bench: java
 	@tools/bench.sh $(ARGS)
+
+bench-stores: ## measure stores for values on disk (ARGS="--values N --rounds N")
+bench-stores: java
+	@tools/bench_stores.sh $(ARGS)
 
 check: ## formatting, clang-tidy, and the native tests under the sanitizers
 check: setup-check build/debug/build.ninja build/asan/build.ninja build/tsan/build.ninja

@@ -14,6 +14,7 @@
 #include "nb_jni.h"
 #include "nb_logging.h"
 #include "nb_map.h"
+#include "overflow.h"
 
 namespace nimbra {
 
@@ -100,7 +101,11 @@ jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_initializeOffHeap(
            static_cast<void*>(self), static_cast<long long>(max), static_cast<long>(trimThreshold),
            static_cast<long>(mmapThreshold), isDiskOverflowEnabled,
            static_cast<long>(getHardCapLimit()));
-  if (_isDiskOverflowEnabled) return JNI_FALSE;  // there is no overflow layer to start
+  if (_isDiskOverflowEnabled && !initialize_overflow(env, self)) {
+    // Without lists the library runs without overflow.
+    _isDiskOverflowEnabled = false;
+    return JNI_FALSE;
+  }
   NB_DEBUG(env, "%s", kBuildString);
   return cacheMapClass(env, __func__) ? JNI_TRUE : JNI_FALSE;
 }

@@ -18,6 +18,11 @@ extern Relaxed<int64_t> maxOffHeapSize;
 extern Relaxed<uint64_t> _hardCapLimit;
 extern Relaxed<bool> _isDiskOverflowEnabled;
 
+// Java's callback at the hard cap, cached when disk overflow starts and kept from then on, whatever
+// becomes of the switch. Without it the maximum alone is checked.
+extern Relaxed<jclass> _overflowClass;
+extern Relaxed<jmethodID> _moreMainMemoryNeededID;
+
 // Live blocks; always kept.
 extern int64_t allocatingOffHeapBlocks;
 // Usable bytes of live blocks; kept only while trackReqSize_Internal is on.
@@ -30,7 +35,8 @@ extern Relaxed<uint64_t> jemallocChunkSize;  // 0 until first asked for
 
 // A block of `size` bytes, or null. A non-zero `unchecked` skips every size check. `type` names
 // what is allocated, for traces; it may be null. Refused by the limits: an exception is pending.
-// Refused by the allocator underneath: none is.
+// Refused by the allocator underneath: none is. With the callback cached, an allocation that comes
+// near the limits calls Java first, inside whatever locks the caller holds.
 void* malloc_nb(JNIEnv* env, uint64_t size, uint8_t unchecked, const char* type);
 void* malloc_nb(JNIEnv* env, uint64_t size, const char* type);
 // Returns a block. `size` is the caller's idea of it, for traces only.

@@ -8,6 +8,7 @@
 
 #include "nb_jni.h"
 #include "nb_map_private.h"
+#include "overflow.h"
 
 namespace nimbra::face {
 
@@ -95,10 +96,45 @@ inline WriteOutcome update(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key,
       updateAndPin(env, nullptr, map, key.object(), OBJECT_TYPE_JBYTE_ARRAY, key.buffer(),
                    key.hash(), true, value, kOwner, revision, &outcome, hook);
   if (snapshot != nullptr) {
-    if (released != nullptr) *released = sizeofByteBufferHeader(snapshot->value);
+    if (released != nullptr) *released = snapshot->valueLength;
+    if (_isDiskOverflowEnabled) {
+      overflow_metadata_unlock(env, "update", nodeOf(snapshot->hashNext));
+    }
     unpinLuOffHeapMapValue(env, snapshot, ALLOCATION_PIN);
   }
   return outcome;
+}
+
+// What a lookup found. At most one of the two is set, and holds one JNI_GET_PIN: the value's
+// buffer, or the record of an entry whose value is on disk.
+struct Found {
+  ByteBufferHeader* buffer = nullptr;
+  LuOffHeapValue* record = nullptr;
+  jlong revision = 0;
+};
+
+// Pins what the entry has. REQUIRES: the bucket set.
+inline Found pinFound(JNIEnv* env, LuOffHeapValue* value) {
+  Found found;
+  found.revision = value->revisionNumber;
+  if (value->value != nullptr) {
+    found.buffer = value->value;
+    pin(env, found.buffer, JNI_GET_PIN);
+  } else {
+    found.record = value;
+    pin(env, static_cast<Pinnable*>(value), JNI_GET_PIN);
+  }
+  return found;
+}
+
+// Lets the sweep pass the entry over once. A node that is busy is left as it is: a lookup does not
+// wait for a page-out beside it.
+inline void markUsed(JNIEnv* env, LuOffHeapValue* value) {
+  if (!_isDiskOverflowEnabled) return;
+  overflow_metadata* node = nodeOf(value);
+  if (!overflow_metadata_trylock(env, "get", node)) return;
+  setFlag(recently_used, node);
+  overflow_metadata_unlock(env, "get", node);
 }
 
 // A new array with the buffer's bytes, whose JNI_GET_PIN is dropped; null for no buffer.
@@ -113,26 +149,41 @@ inline jbyteArray copyAndUnpin(JNIEnv* env, ByteBufferHeader* buffer) {
   return copy;
 }
 
+// A new array with the value's bytes; null when there is none. For a value on disk null, and the
+// record's handle, whose pin passes to Java, in `onDisk`.
+inline jbyteArray copyFound(JNIEnv* env, const Found& found, jlongArray onDisk) {
+  if (found.record == nullptr) return copyAndUnpin(env, found.buffer);
+  const jlong handle = toHandle(found.record);
+  env->SetLongArrayRegion(onDisk, 0, 1, &handle);
+  return nullptr;
+}
+
 // The buffer's handle, its JNI_GET_PIN passing to Java with data address, length and revision in
-// `out`; 0 for no buffer, or when Java would never see the handle.
-inline jlong handOverPinned(JNIEnv* env, ByteBufferHeader* buffer, jlong revision, jlongArray out) {
+// `out`; minus the record's handle, pinned likewise, for a value on disk; 0 for nothing, or when
+// Java would never see the handle.
+inline jlong handOverPinned(JNIEnv* env, const Found& found, jlongArray out) {
+  if (found.record != nullptr) return -toHandle(found.record);
+  ByteBufferHeader* buffer = found.buffer;
   if (buffer == nullptr) return 0;
   const jlong words[3] = {toHandle(bufferData(buffer)), static_cast<jlong>(buffer->dataSize),
-                          revision};
+                          found.revision};
   env->SetLongArrayRegion(out, 0, 3, words);
   if (!env->ExceptionCheck()) return toHandle(buffer);
   unpinToFree(env, buffer, JNI_GET_PIN);
   return 0;
 }
 
-// Pins the entry's key and value buffers for Java (JNI_GET_PIN) and writes their places at `index`.
-// REQUIRES: the bucket set, or a pin on an entry that is in no table.
-inline void pinForWalk(JNIEnv* env, const LuOffHeapValue* value, jlongArray out, jsize index) {
+// Pins the entry's key and value buffers for Java (JNI_GET_PIN) and writes their places at `index`;
+// for a value on disk, its record is pinned, and 0 and the record's handle are written. REQUIRES:
+// the bucket set, or a pin on an entry that is in no table.
+inline void pinForWalk(JNIEnv* env, LuOffHeapValue* value, jlongArray out, jsize index) {
   pin(env, value->key, JNI_GET_PIN);
-  pin(env, value->value, JNI_GET_PIN);
+  const Found found = pinFound(env, value);
+  const bool inMemory = found.buffer != nullptr;
   const jlong words[kScanWords] = {
       toHandle(bufferData(value->key)), static_cast<jlong>(value->key->dataSize),
-      toHandle(bufferData(value->value)), static_cast<jlong>(value->value->dataSize),
+      inMemory ? toHandle(bufferData(found.buffer)) : 0,
+      inMemory ? static_cast<jlong>(found.buffer->dataSize) : toHandle(found.record),
       value->revisionNumber};
   env->SetLongArrayRegion(out, index * kScanWords, kScanWords, words);
 }

@@ -197,7 +197,10 @@ LuOffHeapValue* takeOut(JNIEnv* env, const Partition& partition, Bound* bound, B
   }
   unlockBucketSet(set);
   if (removed == nullptr) return nullptr;
-  if (removeFromRevisionQueue(env, partition.map, removed)) return removed;
+  if (removeFromRevisionQueue(env, partition.map, removed)) {
+    if (_isDiskOverflowEnabled) overflow_metadata_splice_out(env, nodeOf(removed), false);
+    return removed;
+  }
   unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
   return nullptr;
 }
@@ -306,22 +309,20 @@ Presence probe(JNIEnv* env, const Partition& partition, const SearchKey& key, jl
   return presence;
 }
 
-// The value's buffer, pinned JNI_GET_PIN, and the entry marked as used; null when absent or
-// expired.
-ByteBufferHeader* pinAndTouch(JNIEnv* env, const Partition& partition, const SearchKey& key,
-                              jlong now, jlong newDeadline, jlong* revision, const char* function) {
+// Pins the key's value and marks the entry as used; nothing when absent or expired.
+Found pinAndTouch(JNIEnv* env, const Partition& partition, const SearchKey& key, jlong now,
+                  jlong newDeadline, const char* function) {
+  Found found;
   BucketSet* set = key.setIn(partition.map);
-  if (!lockOrRaise(env, set, function)) return nullptr;
-  ByteBufferHeader* buffer = nullptr;
+  if (!lockOrRaise(env, set, function)) return found;
   LuOffHeapValue* value = key.findIn(env, partition.map);
   if (value != nullptr && !isExpired(value, now)) {
-    buffer = value->value;
-    pin(env, buffer, JNI_GET_PIN);
-    *revision = value->revisionNumber;
+    found = pinFound(env, value);
+    markUsed(env, value);
     touch(env, partition, value, newDeadline);
   }
   unlockBucketSet(set);
-  return buffer;
+  return found;
 }
 
 }  // namespace
@@ -397,11 +398,12 @@ jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_put(JNIEnv* env, jclass, jlo
 jbyteArray Java_com_velt_rz_corvane_nimbra_BoundedNatives_get(JNIEnv* env, jclass, jlong map,
                                                               jlong queue, jint policy, jlong ttl,
                                                               jbyteArray keyArray, jint hash,
-                                                              jlong now, jlong newDeadline) {
+                                                              jlong now, jlong newDeadline,
+                                                              jlongArray onDisk) {
   const SearchKey key(env, keyArray, hash);
-  jlong revision = 0;
-  return copyAndUnpin(env, pinAndTouch(env, Partition(map, queue, policy, ttl), key, now,
-                                       newDeadline, &revision, __func__));
+  return copyFound(
+      env, pinAndTouch(env, Partition(map, queue, policy, ttl), key, now, newDeadline, __func__),
+      onDisk);
 }
 
 jlong Java_com_velt_rz_corvane_nimbra_BoundedNatives_pin(JNIEnv* env, jclass, jlong map,
@@ -409,10 +411,9 @@ jlong Java_com_velt_rz_corvane_nimbra_BoundedNatives_pin(JNIEnv* env, jclass, jl
                                                          jbyteArray keyArray, jint hash, jlong now,
                                                          jlong newDeadline, jlongArray out) {
   const SearchKey key(env, keyArray, hash);
-  jlong revision = 0;
-  ByteBufferHeader* buffer = pinAndTouch(env, Partition(map, queue, policy, ttl), key, now,
-                                         newDeadline, &revision, __func__);
-  return handOverPinned(env, buffer, revision, out);
+  return handOverPinned(
+      env, pinAndTouch(env, Partition(map, queue, policy, ttl), key, now, newDeadline, __func__),
+      out);
 }
 
 jboolean Java_com_velt_rz_corvane_nimbra_BoundedNatives_containsKey(JNIEnv* env, jclass, jlong map,
@@ -549,6 +550,21 @@ jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_evict(JNIEnv* env, jclass, j
 
 // ---- Changes -------------------------------------------------------------------------------
 
+namespace {
+
+// With disk overflow, buffers alone stay pinned for Java: a record must not outlive its map, and a
+// node must not stay locked while Java's callers run. A value on disk is looked up by its key
+// later.
+void letRecordsGo(JNIEnv* env, const int64_t* words) {
+  for (int64_t i = 0; i < words[0]; i++) {
+    auto* value = fromHandle<LuOffHeapValue>(words[1 + i * kQueryWords]);
+    overflow_metadata_unlock(env, "QueryRevision", nodeOf(value));
+    unpinLuOffHeapMapValue(env, value, JNI_QUERYREVISION_PIN);
+  }
+}
+
+}  // namespace
+
 void Java_com_velt_rz_corvane_nimbra_BoundedNatives_query(JNIEnv* env, jclass, jlong map,
                                                           jobject result, jint bookmark,
                                                           jlong start, jlong end) {
@@ -562,6 +578,7 @@ void Java_com_velt_rz_corvane_nimbra_BoundedNatives_query(JNIEnv* env, jclass, j
     throw_exception(env, __func__, "A revision query failed to lock the map or its queue.");
   }
   run.point(7);
+  if (_isDiskOverflowEnabled) letRecordsGo(env, words);
 }
 
 void Java_com_velt_rz_corvane_nimbra_BoundedNatives_releaseQueried(JNIEnv* env, jclass,
@@ -570,5 +587,6 @@ void Java_com_velt_rz_corvane_nimbra_BoundedNatives_releaseQueried(JNIEnv* env, 
   constexpr uint32_t kTransport = JAVA_TRANSPORT_PIN | JNI_CONVERT_FROM_JAVA_PIN;
   unpinToFree(env, headerOfData(fromHandle<void>(keyData)), kTransport);
   if (valueData != 0) unpinToFree(env, headerOfData(fromHandle<void>(valueData)), kTransport);
+  if (_isDiskOverflowEnabled) return;
   unpinLuOffHeapMapValue(env, fromHandle<LuOffHeapValue>(valueRecord), JNI_QUERYREVISION_PIN);
 }

@@ -21,19 +21,17 @@ WriteOutcome insert(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key,
   return outcome;
 }
 
-// The value's buffer, pinned JNI_GET_PIN, with the revision that it belongs to; null when absent.
-ByteBufferHeader* pinValue(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, jlong* revision,
-                           const char* function) {
+// Pins the key's value; nothing when absent.
+Found pinValue(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, const char* function) {
+  Found found;
   BucketSet* set = key.setIn(map);
-  if (!lockOrRaise(env, set, function)) return nullptr;
-  ByteBufferHeader* buffer = nullptr;
-  if (const LuOffHeapValue* value = key.findIn(env, map)) {
-    buffer = value->value;
-    pin(env, buffer, JNI_GET_PIN);
-    *revision = value->revisionNumber;
+  if (!lockOrRaise(env, set, function)) return found;
+  if (LuOffHeapValue* value = key.findIn(env, map)) {
+    found = pinFound(env, value);
+    markUsed(env, value);
   }
   unlockBucketSet(set);
-  return buffer;
+  return found;
 }
 
 }  // namespace
@@ -93,11 +91,10 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_replace(JNIEnv* env, jclass, jlo
 }
 
 jbyteArray Java_com_velt_rz_corvane_nimbra_MapNatives_get(JNIEnv* env, jclass, jlong handle,
-                                                          jbyteArray keyArray, jint hash) {
+                                                          jbyteArray keyArray, jint hash,
+                                                          jlongArray onDisk) {
   const SearchKey key(env, keyArray, hash);
-  jlong revision = 0;
-  return copyAndUnpin(env,
-                      pinValue(env, fromHandle<LuOffHeapMap>(handle), key, &revision, __func__));
+  return copyFound(env, pinValue(env, fromHandle<LuOffHeapMap>(handle), key, __func__), onDisk);
 }
 
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_remove(JNIEnv* env, jclass, jlong handle,
@@ -130,10 +127,7 @@ jlong Java_com_velt_rz_corvane_nimbra_MapNatives_pin(JNIEnv* env, jclass, jlong 
                                                      jbyteArray keyArray, jint hash,
                                                      jlongArray out) {
   const SearchKey key(env, keyArray, hash);
-  jlong revision = 0;
-  ByteBufferHeader* buffer =
-      pinValue(env, fromHandle<LuOffHeapMap>(handle), key, &revision, __func__);
-  return handOverPinned(env, buffer, revision, out);
+  return handOverPinned(env, pinValue(env, fromHandle<LuOffHeapMap>(handle), key, __func__), out);
 }
 
 void Java_com_velt_rz_corvane_nimbra_MapNatives_unpin(JNIEnv* env, jclass, jlong handle) {
@@ -171,7 +165,7 @@ jsize chainLength(const LuOffHeapValue* value) {
 }
 
 // REQUIRES: the bucket set. Pins key and value buffers of a chain and writes their places.
-void writeChain(JNIEnv* env, const LuOffHeapValue* value, jlongArray out, jsize index) {
+void writeChain(JNIEnv* env, LuOffHeapValue* value, jlongArray out, jsize index) {
   for (; value != nullptr; value = value->hashNext) pinForWalk(env, value, out, index++);
 }
 
@@ -197,8 +191,7 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_scan(JNIEnv* env, jclass, jlong 
       return 0;
     }
     do {
-      const auto* first =
-          static_cast<const LuOffHeapValue*>(set->buckets[position & set->bucketMask]);
+      auto* first = static_cast<LuOffHeapValue*>(set->buckets[position & set->bucketMask]);
       const jsize length = chainLength(first);
       if (length > capacity - written) {
         full = true;
@@ -225,6 +218,10 @@ void Java_com_velt_rz_corvane_nimbra_MapNatives_unpinAll(JNIEnv* env, jclass, jl
     jlong words[kScanWords];
     env->GetLongArrayRegion(out, i * kScanWords, kScanWords, words);
     unpinToFree(env, headerOfData(fromHandle<void>(words[0])), JNI_GET_PIN);
-    unpinToFree(env, headerOfData(fromHandle<void>(words[2])), JNI_GET_PIN);
+    if (words[2] != 0) {
+      unpinToFree(env, headerOfData(fromHandle<void>(words[2])), JNI_GET_PIN);
+    } else if (words[3] != 0) {
+      unpinLuOffHeapMapValue(env, fromHandle<LuOffHeapValue>(words[3]), JNI_GET_PIN);
+    }
   }
 }

@@ -127,6 +127,7 @@ Pinnable* getFirstEntryByHashCode(MapHeader* header, uint32_t hash, BucketSet** 
 }
 
 int lockBucketSet(BucketSet* set) { return mutexLock(&set->mutex, LockRank::bucketSet); }
+int trylockBucketSet(BucketSet* set) { return mutexTryLock(&set->mutex, LockRank::bucketSet); }
 int unlockBucketSet(BucketSet* set) { return mutexUnlock(&set->mutex, LockRank::bucketSet); }
 
 MapHeader* initializeMap(JNIEnv* env, uint32_t initCapacity, uint32_t concurrency, float loadFactor,

@@ -183,6 +183,7 @@ Pinnable* getFirstEntryByHashCode(MapHeader* header, uint32_t hash, BucketSet** 
                                   Bucket** bucket);
 // Results of the mutex call, 0 on success.
 int lockBucketSet(BucketSet* set);
+int trylockBucketSet(BucketSet* set);
 int unlockBucketSet(BucketSet* set);
 
 // Entries in all sets, not a snapshot; -1 when a set cannot be locked.

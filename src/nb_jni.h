@@ -25,6 +25,28 @@ class LocalRef {
   T reference_;
 };
 
+// Takes a pending exception aside for a scope in which Java must be called, and raises it again at
+// the end: the earlier exception wins over one that the scope raised.
+class ExceptionAside {
+ public:
+  explicit ExceptionAside(JNIEnv* env)
+      : env_(env), exception_(env->ExceptionCheck() ? env->ExceptionOccurred() : nullptr) {
+    if (exception_ != nullptr) env_->ExceptionClear();
+  }
+  ~ExceptionAside() {
+    if (exception_ == nullptr) return;
+    if (env_->ExceptionCheck()) env_->ExceptionClear();
+    env_->Throw(exception_);
+    env_->DeleteLocalRef(exception_);
+  }
+  ExceptionAside(const ExceptionAside&) = delete;
+  ExceptionAside& operator=(const ExceptionAside&) = delete;
+
+ private:
+  JNIEnv* env_;
+  jthrowable exception_;
+};
+
 // A native handle: a record's address as Java passes it.
 template <typename Record>
 Record* fromHandle(jlong handle) {

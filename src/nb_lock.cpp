@@ -31,10 +31,6 @@ void abortOnViolation(const LockViolation& violation) {
   std::abort();
 }
 
-int injected(LockRank rank, const void* lock, LockOp op) {
-  return faults::failLock == nullptr ? 0 : faults::failLock(rank, lock, op);
-}
-
 void checkOrder(LockRank rank, const void* lock, Nesting nesting) {
   for (const Held& held : heldLocks) {
     if (held.lock == lock) return;  // relocking is the mutex's own business
@@ -66,6 +62,10 @@ int released(int result, const void* lock) {
 
 void (*lockViolationHandler)(const LockViolation& violation) = abortOnViolation;
 
+int injectedFault(LockRank rank, const void* lock, LockOp op) {
+  return faults::failLock == nullptr ? 0 : faults::failLock(rank, lock, op);
+}
+
 int heldLockCount() { return static_cast<int>(heldLocks.size()); }
 
 bool holdsLock(const void* lock) {
@@ -76,45 +76,45 @@ bool holdsLock(const void* lock) {
 }
 
 int mutexInit(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes, LockRank rank) {
-  if (const int code = injected(rank, mutex, LockOp::init)) return code;
+  if (const int code = injectedFault(rank, mutex, LockOp::init)) return code;
   return pthread_mutex_init(mutex, attributes);
 }
 
 int mutexLock(pthread_mutex_t* mutex, LockRank rank, Nesting nesting) {
-  if (const int code = injected(rank, mutex, LockOp::lock)) return code;
+  if (const int code = injectedFault(rank, mutex, LockOp::lock)) return code;
   checkOrder(rank, mutex, nesting);
   return taken(pthread_mutex_lock(mutex), rank, mutex);
 }
 
 int mutexTryLock(pthread_mutex_t* mutex, LockRank rank) {
-  if (const int code = injected(rank, mutex, LockOp::tryLock)) return code;
+  if (const int code = injectedFault(rank, mutex, LockOp::tryLock)) return code;
   return taken(pthread_mutex_trylock(mutex), rank, mutex);
 }
 
 int mutexUnlock(pthread_mutex_t* mutex, LockRank rank) {
-  if (const int code = injected(rank, mutex, LockOp::unlock)) return code;
+  if (const int code = injectedFault(rank, mutex, LockOp::unlock)) return code;
   return released(pthread_mutex_unlock(mutex), mutex);
 }
 
 int rwlockInit(pthread_rwlock_t* lock, LockRank rank) {
-  if (const int code = injected(rank, lock, LockOp::init)) return code;
+  if (const int code = injectedFault(rank, lock, LockOp::init)) return code;
   return pthread_rwlock_init(lock, nullptr);
 }
 
 int rwlockRead(pthread_rwlock_t* lock, LockRank rank) {
-  if (const int code = injected(rank, lock, LockOp::readLock)) return code;
+  if (const int code = injectedFault(rank, lock, LockOp::readLock)) return code;
   checkOrder(rank, lock, Nesting::single);
   return taken(pthread_rwlock_rdlock(lock), rank, lock);
 }
 
 int rwlockWrite(pthread_rwlock_t* lock, LockRank rank) {
-  if (const int code = injected(rank, lock, LockOp::writeLock)) return code;
+  if (const int code = injectedFault(rank, lock, LockOp::writeLock)) return code;
   checkOrder(rank, lock, Nesting::single);
   return taken(pthread_rwlock_wrlock(lock), rank, lock);
 }
 
 int rwlockUnlock(pthread_rwlock_t* lock, LockRank rank) {
-  if (const int code = injected(rank, lock, LockOp::unlock)) return code;
+  if (const int code = injectedFault(rank, lock, LockOp::unlock)) return code;
   return released(pthread_rwlock_unlock(lock), lock);
 }
 

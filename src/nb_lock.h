@@ -20,7 +20,9 @@ enum class LockRank : int {
   map = 10,
   bucketSet = 20,
   queue = 30,
+  anchor = 35,
   node = 40,
+  sweepState = 45,
   pinChain = 80,
   pinRecord = 81,
   profileRegistry = 85,
@@ -44,8 +46,11 @@ inline constexpr LockRankRow kLockRanks[] = {
     {LockRank::queue, "LuOffHeapQueue::mutex",
      "one queue: first, last, counts, bookmarks, and the prev and next links of its entries",
      "the map lock, one bucket set; another queue only inside lockMapAndQueues (ascending)"},
-    {LockRank::node, "overflow_metadata (logical lock)",
-     "one entry's overflow node: where its value lives, its flags, its place in a list",
+    {LockRank::anchor, "_anchor_mutex", "where the next sweep resumes", "all of the above"},
+    {LockRank::node, "overflow_metadata::mutex",
+     "owner and depth of one node's reentrant lock; never held across a return",
+     "all of the above"},
+    {LockRank::sweepState, "_sweep_state_mutex", "the published figures of the sweep",
      "all of the above"},
     {LockRank::pinChain, "PinTracker::lock of a chain's head",
      "one chain of tracked objects; only while pin tracking is on", "all of the above"},
@@ -56,7 +61,24 @@ inline constexpr LockRankRow kLockRanks[] = {
      "all of the above but pin tracking; the slot locks are only ever tried"},
 };
 
-enum class LockOp { init, lock, tryLock, readLock, writeLock, unlock };
+enum class LockOp {
+  init,
+  lock,
+  tryLock,
+  readLock,
+  writeLock,
+  unlock,
+  // Of the nodes' reentrant locks.
+  attributesInit,
+  attributesType,
+  attributesDestroy,
+  conditionInit,
+  conditionDestroy,
+  wait,
+  signal,
+  destroy,
+  yield,
+};
 
 // How many locks of one rank the thread may hold at once.
 enum class Nesting { single, ascending };
@@ -67,6 +89,9 @@ namespace faults {
 // Tests only. A non-zero answer is returned by the wrapper instead of doing the operation.
 extern int (*failLock)(LockRank rank, const void* lock, LockOp op);
 }  // namespace faults
+
+// The injected code for an operation, or 0.
+int injectedFault(LockRank rank, const void* lock, LockOp op);
 
 struct LockViolation {
   LockRank taking;
@@ -95,6 +120,7 @@ int rwlockUnlock(pthread_rwlock_t* lock, LockRank rank);
 
 #else
 
+inline int injectedFault(LockRank, const void*, LockOp) { return 0; }
 inline int mutexInit(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes, LockRank) {
   return pthread_mutex_init(mutex, attributes);
 }
@@ -111,6 +137,13 @@ inline int rwlockWrite(pthread_rwlock_t* lock, LockRank) { return pthread_rwlock
 inline int rwlockUnlock(pthread_rwlock_t* lock, LockRank) { return pthread_rwlock_unlock(lock); }
 
 #endif
+
+// A system call that has no wrapper of its own and that tests can make fail. 0 or its error code.
+template <typename Call>
+int faultable(LockRank rank, const void* lock, LockOp op, Call call) {
+  const int injected = injectedFault(rank, lock, op);
+  return injected != 0 ? injected : call();
+}
 
 }  // namespace nimbra
 

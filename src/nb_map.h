@@ -217,6 +217,9 @@ bool updateRevisionQueue(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* replace
 // Takes the map lock for reading, then the queue.
 bool removeFromRevisionQueue(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* value);
 bool clearQueues(JNIEnv* env, LuOffHeapMap* map);
+// Takes the nodes of all queued values out of the overflow lists: the table that they point to is
+// about to go. REQUIRES: disk overflow.
+void spliceOutNodes(JNIEnv* env, LuOffHeapMap* map);
 
 // ---- Revision queries and walks ------------------------------------------------------------
 
@@ -259,7 +262,8 @@ LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
                              bool hashCodeGiven, ByteBufferHeader* value, uint16_t revisionOwner,
                              int64_t revisionNumber, WriteOutcome* outcome = nullptr,
                              const EntryHook* hook = nullptr);
-// A snapshot of the entry's previous state, with its ALLOCATION_PIN for Java, or null.
+// A snapshot of the entry's previous state, with its ALLOCATION_PIN for Java, or null. With disk
+// overflow the snapshot's hashNext is the entry, whose node stays locked for the caller's thread.
 LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
                              uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
                              bool hashCodeGiven, ByteBufferHeader* value, uint16_t revisionOwner,

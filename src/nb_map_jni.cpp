@@ -8,6 +8,7 @@
 #include "com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl.h"
 #include "nb_jni.h"
 #include "nb_map_buffers.h"
+#include "overflow.h"
 
 using namespace nimbra;
 
@@ -57,6 +58,7 @@ jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_deleteLuOffHe
   auto* map = fromHandle<LuOffHeapMap>(handle);
   NB_DEBUG(env, "luMap=%p", static_cast<void*>(map));
   if (map == nullptr) return JNI_FALSE;
+  if (_isDiskOverflowEnabled) spliceOutNodes(env, map);
   hashtable_destroy(env, map->map);
   if (wrlock(env, map) != 0) return JNI_FALSE;
   for (uint32_t i = 0; i < map->numQueues; i++) {
@@ -296,6 +298,7 @@ LuOffHeapValue* getValuePinned(JNIEnv* env, const GetRequest& request, ReportLoc
     value = nullptr;
   }
   unlockBucketSet(set);
+  if (value != nullptr && _isDiskOverflowEnabled) invoke_get_occurred(env, value);
   if (!request.touch) return value;
   if (value != nullptr) {
     updateRevisionQueue(env, map, value, value, request.revisionNumber, false);

@@ -4,6 +4,7 @@
 // The walks hold what their caller asks for; without locks they rely on the caller's pins and on
 // nobody changing the queues meanwhile.
 #include "nb_map_private.h"
+#include "overflow.h"
 
 namespace nimbra {
 
@@ -28,8 +29,9 @@ void growBookmarks(JNIEnv* env, LuOffHeapMap* map, uint32_t index) {
   }
 }
 
-// REQUIRES: the value's queue. Pins the value and its buffers for Java and writes its words.
-void reportEntry(JNIEnv* env, LuOffHeapValue* value, int64_t* words) {
+// REQUIRES: the value's queue. Pins the value and its buffers for Java and writes its words. With
+// disk overflow the value's node stays locked for Java; false when it could not be locked.
+bool reportEntry(JNIEnv* env, LuOffHeapValue* value, int64_t* words) {
   pin(env, static_cast<Pinnable*>(value), JNI_QUERYREVISION_PIN);
   pin(env, value->key, kTransportPin);
   words[0] = static_cast<int64_t>(reinterpret_cast<uintptr_t>(value));
@@ -38,6 +40,10 @@ void reportEntry(JNIEnv* env, LuOffHeapValue* value, int64_t* words) {
   words[3] = 0;
   words[4] = 0;
   words[8] = 0;
+  if (_isDiskOverflowEnabled && !overflow_metadata_lock(env, "QueryRevision", nodeOf(value))) {
+    catch_exception(env, kQuery, false);
+    return false;
+  }
   if ((value->flags & HAS_VALUE) != 0) {
     pin(env, value->value, kTransportPin);
     words[3] = static_cast<int64_t>(reinterpret_cast<uintptr_t>(bufferData(value->value)));
@@ -47,10 +53,12 @@ void reportEntry(JNIEnv* env, LuOffHeapValue* value, int64_t* words) {
   words[5] = value->revisionOwner;
   words[6] = value->revisionNumber;
   words[7] = value->key->deserializedType;
+  return true;
 }
 
 // REQUIRES: the queue. Reports what lies above `start` and at or below `end`; returns the number of
-// entries. Begins at the bookmark when that is not beyond the start, and moves it.
+// entries, -1 when a node could not be locked. Begins at the bookmark when that is not beyond the
+// start, and moves it.
 int64_t queryQueue(JNIEnv* env, LuOffHeapRevisionOrderQueue* queue, uint32_t bookmark,
                    int64_t start, int64_t end, int64_t* words) {
   LuOffHeapValue* marked = bookmark < queue->numBookmarks ? queue->bookmarks[bookmark] : nullptr;
@@ -60,7 +68,7 @@ int64_t queryQueue(JNIEnv* env, LuOffHeapRevisionOrderQueue* queue, uint32_t boo
   int64_t found = 0;
   for (; value != nullptr && value->revisionNumber <= end; value = nextValue(value)) {
     if (value->revisionNumber <= start) continue;
-    reportEntry(env, value, words + found * kQueryWords);
+    if (!reportEntry(env, value, words + found * kQueryWords)) return -1;
     found++;
   }
   if (bookmark < queue->numBookmarks) {
@@ -94,8 +102,10 @@ bool queryRevision(JNIEnv* env, LuOffHeapMap* map, int64_t* result, int32_t book
       unlock(env, map);
       return false;
     }
-    found += queryQueue(env, queue, index, starts[owner], ends[owner], words + found * kQueryWords);
-    if (unlockQueue(queue) != 0) {
+    const int64_t more =
+        queryQueue(env, queue, index, starts[owner], ends[owner], words + found * kQueryWords);
+    found += more;
+    if (unlockQueue(queue) != 0 || more < 0) {
       unlock(env, map);
       return false;
     }

@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "nb_jni.h"
 #include "nb_map_private.h"
+#include "overflow.h"
 
 namespace nimbra {
 
@@ -441,6 +443,7 @@ bool removeFromRevisionQueue(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* val
 namespace {
 
 constexpr char kClear[] = "clearQueues";
+constexpr char kClearTag[] = "Clear";
 
 void clearRevisionQueue(JNIEnv* env, LuOffHeapRevisionOrderQueue* queue) {
   if (logInfo.entryExit) {
@@ -453,8 +456,13 @@ void clearRevisionQueue(JNIEnv* env, LuOffHeapRevisionOrderQueue* queue) {
               static_cast<int>(queue->count), static_cast<void*>(&logInfo));
   if (lockQueue(queue) != 0) return;
   while (queue->last != nullptr) {
-    NB_DEBUG_AS(env, kClear, "Dumping LuValue %p", static_cast<void*>(queue->last));
-    removeFromQueue(env, queue, static_cast<LuOffHeapValue*>(queue->last));
+    auto* value = static_cast<LuOffHeapValue*>(queue->last);
+    const bool nodeLocked =
+        _isDiskOverflowEnabled && overflow_metadata_lock(env, kClearTag, nodeOf(value));
+    if (nodeLocked) overflow_metadata_splice_out(env, nodeOf(value), true);
+    NB_DEBUG_AS(env, kClear, "Dumping LuValue %p", static_cast<void*>(value));
+    if (nodeLocked) overflow_metadata_unlock(env, kClearTag, nodeOf(value));
+    removeFromQueue(env, queue, value);
   }
   for (uint32_t i = 0; i < queue->numBookmarks; i++) queue->bookmarks[i] = nullptr;
   unlockQueue(queue);
@@ -462,7 +470,22 @@ void clearRevisionQueue(JNIEnv* env, LuOffHeapRevisionOrderQueue* queue) {
 
 }  // namespace
 
+void spliceOutNodes(JNIEnv* env, LuOffHeapMap* map) {
+  if (rdlock(env, map) != 0) return;
+  for (uint32_t i = 0; i < map->numQueues; i++) {
+    LuOffHeapRevisionOrderQueue* queue = map->revisionQueue[i];
+    if (lockQueue(queue) != 0) continue;
+    for (LuQueueEntry* entry = queue->first; entry != nullptr; entry = entry->next) {
+      overflow_metadata_splice_out(env, nodeOf(static_cast<LuOffHeapValue*>(entry)), false);
+    }
+    unlockQueue(queue);
+  }
+  unlock(env, map);
+}
+
 bool clearQueues(JNIEnv* env, LuOffHeapMap* map) {
+  // Nodes leave their lists only without an exception; one of the table's clear has to wait.
+  const ExceptionAside aside(env);
   if (map == nullptr || rdlock(env, map) != 0) return false;
   for (uint32_t i = 0; i < map->numQueues; i++) clearRevisionQueue(env, map->revisionQueue[i]);
   void* list = static_cast<void*>(map->revisionQueue);

@@ -3,7 +3,9 @@
 // State: none. Insert holds the map lock from before the bucket set to behind the queue; update
 // lets it go after the queue move and keeps the bucket set; remove takes no map lock and touches
 // the queue after the bucket set is free.
+#include "nb_jni.h"
 #include "nb_map_private.h"
+#include "overflow.h"
 
 namespace nimbra {
 
@@ -44,6 +46,17 @@ BucketSet* setOf(LuOffHeapMap* map, int32_t hashCode) {
 }
 
 // ---- Insert --------------------------------------------------------------------------------
+
+constexpr char kInsertLink[] = "insert link";
+
+// Prepares the new value's node; on failure the value is freed.
+bool prepareNode(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* value) {
+  NB_DEBUG_AS(env, "insertAndPin", "KLOR filling in offheap_metadata struct");
+  if (initialize_overflow_metadata(env, nodeOf(value), map->map)) return true;
+  unpinLuOffHeapMapValue(env, value, JNI_ROLLBACK_PIN);
+  throw_exception(env, "insertAndPin", "failed initialization of Nimbra overflow metadata");
+  return false;
+}
 
 // REQUIRES: the map lock for writing. Takes the new value out of the table again, lets the map lock
 // go and frees the value.
@@ -98,6 +111,32 @@ WriteOutcome insertIntoTable(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
   return env->ExceptionCheck() ? WriteOutcome::failed : WriteOutcome::none;
 }
 
+// REQUIRES: the map lock for writing. Hands the new entry's node over to the sweep. Rolls the
+// insert back on failure.
+bool linkNode(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* value, const ProfiledRun& run) {
+  overflow_metadata* node = nodeOf(value);
+  NB_DEBUG_AS(env, "insertAndPin", "KLOR linking metadata to header");
+  if (!overflow_metadata_lock(env, kInsertLink, node)) {
+    rollBackInsert(env, map, value);
+    return false;
+  }
+  run.point(4);
+  if (!overflow_metadata_link_to_header(env, node, true)) {
+    overflow_metadata_unlock(env, "insert rollback", node);
+    rollBackInsert(env, map, value);
+    throw_exception(env, "insertAndPin", "failed to link to header");
+    return false;
+  }
+  run.point(5);
+  clearFlag(is_invalid, node);
+  if (!overflow_metadata_unlock(env, kInsertLink, node)) {
+    rollBackInsert(env, map, value);
+    return false;
+  }
+  run.point(6);
+  return true;
+}
+
 }  // namespace
 
 LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
@@ -125,6 +164,7 @@ LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
     return nullptr;
   }
   run.point(0);
+  if (_isDiskOverflowEnabled && !prepareNode(env, map, created)) return nullptr;
   run.point(1);
   // Deliberate: a map lock that cannot be had leaves the new value allocated. The contract with
   // Java says so. Pinned by InsertRollback.MapLockFailureLeavesTheValue.
@@ -135,7 +175,11 @@ LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
     report(outcome, linked);
     return nullptr;
   }
-  for (int32_t point = 4; point <= 6; point++) run.point(point);
+  if (!_isDiskOverflowEnabled) {
+    for (int32_t point = 4; point <= 6; point++) run.point(point);
+  } else if (!linkNode(env, map, created, run)) {
+    return nullptr;
+  }
   NB_DEBUG(env, "insert the revision queue. key=%p, hashCode=%d, value=%p, newLuValue=%p",
            static_cast<void*>(keyBuffer), hashCode, static_cast<void*>(value),
            static_cast<void*>(created));
@@ -148,6 +192,10 @@ LuOffHeapValue* insertAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
                      "newLuValue=%p",
                      static_cast<void*>(keyBuffer), hashCode, static_cast<void*>(value),
                      static_cast<void*>(created));
+    if (_isDiskOverflowEnabled) {
+      const ExceptionAside aside(env);
+      overflow_metadata_splice_out(env, nodeOf(created), false);
+    }
     rollBackInsert(env, map, created);
     return nullptr;
   }
@@ -258,14 +306,9 @@ bool releaseMap(JNIEnv* env, const Update& update, LuOffHeapRevisionOrderQueue* 
   return false;
 }
 
-// Moves the old buffer to the snapshot and gives the entry the new one, under the mutex of the
-// queue that holds the entry: a walk over that queue pins either the old buffer or the new one, and
-// never one that has just been freed. REQUIRES: the bucket set.
-bool swapValue(JNIEnv* env, jobject caller, const Update& update,
-               LuOffHeapRevisionOrderQueue* queue, ByteBufferHeader* value) {
-  LuOffHeapValue* existing = update.existing;
-  LuOffHeapValue* snapshot = update.snapshot;
-  if (lockQueue(queue) != 0) return false;
+// REQUIRES: the bucket set, and what keeps a walk over the queue away from the buffers. Moves the
+// old buffer to the snapshot.
+void moveValueToSnapshot(JNIEnv* env, LuOffHeapValue* existing, LuOffHeapValue* snapshot) {
   snapshot->value = existing->value;
   snapshot->valueLength = existing->valueLength;
   if (snapshot->value != nullptr) {
@@ -274,6 +317,16 @@ bool swapValue(JNIEnv* env, jobject caller, const Update& update,
   } else {
     snapshot->flags = static_cast<uint16_t>(snapshot->flags & ~HAS_VALUE);
   }
+}
+
+// Gives the entry the new buffer under the mutex of the queue that holds it: a walk over that queue
+// pins either the old buffer or the new one, and never one that has just been freed. REQUIRES: the
+// bucket set.
+bool swapValue(JNIEnv* env, jobject caller, const Update& update,
+               LuOffHeapRevisionOrderQueue* queue, ByteBufferHeader* value) {
+  LuOffHeapValue* existing = update.existing;
+  if (lockQueue(queue) != 0) return false;
+  moveValueToSnapshot(env, existing, update.snapshot);
   const bool swapped =
       hashtable_update(env, caller, update.map->map, existing, value, false) != nullptr;
   if (swapped) {
@@ -282,6 +335,65 @@ bool swapValue(JNIEnv* env, jobject caller, const Update& update,
   }
   unlockQueue(queue);
   return swapped;
+}
+
+// REQUIRES: the existing entry's node. Gives the snapshot a node of its own, and with it the copy
+// on disk, so that its release frees that copy.
+bool moveNodeToSnapshot(JNIEnv* env, const Update& update) {
+  LuOffHeapValue* existing = update.existing;
+  LuOffHeapValue* snapshot = update.snapshot;
+  overflow_metadata* from = nodeOf(existing);
+  overflow_metadata* to = nodeOf(snapshot);
+  if (!initialize_overflow_metadata(env, to, update.map->map)) return false;
+  snapshot->hashNext = existing;
+  // No other thread knows the snapshot yet.
+  clearFlag(is_invalid, to);
+  setFlag(kSnapshot, to);
+  if (isFlagSet(on_disk, from)) {
+    to->chunkPtrOffset = from->chunkPtrOffset;
+    to->chunkSize = from->chunkSize;
+    to->nextChunkPtrOffset = from->nextChunkPtrOffset;
+    from->chunkPtrOffset = 0;
+    from->chunkSize = 0;
+    from->nextChunkPtrOffset = 0;
+    setFlag(on_disk, to);
+    clearFlag(on_disk, from);
+    NB_DEBUG_AS(env, kUpdate,
+                "copied an evicted entry. copiedEntry->flags=%p copiedEntry->metadata->flags=%hx "
+                "existingMetadata=%p existingMeta->flags=%hx",
+                reinterpret_cast<void*>(uintptr_t{snapshot->flags}), to->flags,
+                static_cast<void*>(from), from->flags);
+  }
+  return true;
+}
+
+// The same with disk overflow: the entry's node keeps walks away, and stays locked for Java.
+bool swapValueUnderNode(JNIEnv* env, jobject caller, const Update& update,
+                        ByteBufferHeader* value) {
+  LuOffHeapValue* existing = update.existing;
+  overflow_metadata* node = nodeOf(existing);
+  if (!overflow_metadata_lock(env, "Update", node)) {
+    NB_DEBUG_AS(env, kUpdate, "Failed to lock luValue=%p metadata=%p", static_cast<void*>(existing),
+                static_cast<void*>(node));
+    return false;
+  }
+  const bool hadValue = (existing->flags & HAS_VALUE) != 0;
+  moveValueToSnapshot(env, existing, update.snapshot);
+  if (!moveNodeToSnapshot(env, update) ||
+      hashtable_update(env, caller, update.map->map, existing, value, false) == nullptr) {
+    overflow_metadata_unlock(env, "rollbackup update", node);
+    return false;
+  }
+  const uint64_t length = sizeofByteBufferHeader(value);
+  // The table measures an entry on disk by its old length before and after the swap.
+  if (!hadValue) {
+    lockIncrement(&update.map->map->bytesUsed,
+                  static_cast<int64_t>(length - existing->valueLength));
+  }
+  existing->valueLength = length;
+  existing->flags = static_cast<uint16_t>(existing->flags | HAS_VALUE);
+  setFlag(in_memory | recently_used, node);
+  return true;
 }
 
 }  // namespace
@@ -353,7 +465,8 @@ LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
     return nullptr;
   }
   run.point(5);
-  if (!swapValue(env, caller, update, newQueue, value)) {
+  if (!(_isDiskOverflowEnabled ? swapValueUnderNode(env, caller, update, value)
+                               : swapValue(env, caller, update, newQueue, value))) {
     NB_DEBUG(env, "hashtable update failed.");
     dropUpdate(env, update);
     return nullptr;
@@ -363,6 +476,11 @@ LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
   unpinLuOffHeapMapValue(env, existing, JNI_UPDATED_PIN);
   unlockBucketSet(set);
   run.point(7);
+  if (_isDiskOverflowEnabled) {
+    NB_DEBUG(env, "update completed. luValue=%p luValue->flags=%hx metadata=%p metadata->flags=%hx",
+             static_cast<void*>(existing), existing->flags, static_cast<void*>(nodeOf(existing)),
+             nodeOf(existing)->flags);
+  }
   NB_EXIT(env, "updated LuValue=%p for key=%p", static_cast<void*>(existing),
           static_cast<void*>(keyBuffer));
   report(outcome, WriteOutcome::done);
@@ -412,6 +530,7 @@ LuOffHeapValue* removeAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
     return nullptr;
   }
   run.point(6);
+  if (_isDiskOverflowEnabled) overflow_metadata_splice_out(env, nodeOf(removed), false);
   run.point(7);
   report(outcome, WriteOutcome::done);
   return removed;

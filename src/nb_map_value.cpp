@@ -1,8 +1,11 @@
 // Value records: the table's view of them, their birth and their release.
 //
 // State: none. The accessors read fields without locks: callers hold the bucket set or a pin. The
-// last unpin may run under any of the caller's locks and takes none of its own.
+// last unpin may run under any of the caller's locks; with disk overflow it takes the entry's node,
+// and without it no lock.
+#include "nb_jni.h"
 #include "nb_map_private.h"
+#include "overflow.h"
 
 namespace nimbra {
 
@@ -109,6 +112,7 @@ void freeLuOffHeapValue(JNIEnv* env, LuOffHeapMap* /*map*/, LuOffHeapValue* valu
 namespace {
 
 constexpr char kRelease[] = "unpinLuOffHeapMapValue";  // the name in the records of the release
+constexpr uint32_t kReverseMapPin = JAVA_NOF_REVERSEMAP_PIN | JNI_CONVERT_FROM_JAVA_PIN;
 
 void releaseKey(JNIEnv* env, LuOffHeapValue* value) {
   if (value->key == nullptr) return;
@@ -151,6 +155,46 @@ void releaseValueBuffer(JNIEnv* env, LuOffHeapValue* value) {
   }
 }
 
+enum class Retirement { done, keptByJava, failed };
+
+// Takes the node of a value that nobody holds any more out of use. Java is told once; when it has a
+// copy on disk, the value lives on until Java drops its reverse-map pin.
+Retirement retireNode(JNIEnv* env, LuOffHeapValue* value) {
+  overflow_metadata* node = nodeOf(value);
+  // One that has lived on for Java's copy may have outlived its table, which the line would show.
+  const bool mayHaveNoTable = isFlagSet(is_invalid | on_disk, node);
+  if (logInfo.debug && !mayHaveNoTable) {
+    char* text = to_string(env, kRelease, node);
+    debug(env, kRelease, "luOffHeapValue=%p => %s", static_cast<void*>(value), text);
+    release_string(env, text);
+  }
+  if (!overflow_metadata_lock(env, "remove splice-out", node)) return Retirement::failed;
+  // Deliberate: a failed splice-out leaves the node locked. The contract with Java says so.
+  // Pinned by ValueRetirement.FailedSpliceOutLeavesTheNodeLocked.
+  if (!overflow_metadata_splice_out(env, node, true)) return Retirement::failed;
+  if (!isFlagSet(is_invalid, node)) {
+    const bool onDisk = isFlagSet(on_disk, node);
+    if (onDisk) pin(env, static_cast<Pinnable*>(value), kReverseMapPin);
+    if (!invoke_deleting(env, value)) {
+      overflow_metadata_unlock(env, "remove splice-out", node);
+      return Retirement::failed;
+    }
+    setFlag(is_invalid, node);
+    if (onDisk) {
+      const bool unlocked = overflow_metadata_unlock(env, "remove splice-out", node);
+      return unlocked ? Retirement::keptByJava : Retirement::failed;
+    }
+  }
+  if (!overflow_metadata_unlock(env, "remove splice-out", node)) return Retirement::failed;
+  if (const int32_t code = overflow_metadata_uninit(env, node)) {
+    NB_DEBUG_AS(env, kRelease,
+                "Failed to free overflow metadata for an Nimbra entry. Return code %d", code);
+    NB_ERROR_GENERIC(env, kOverflowErrorKey,
+                     "Failed to free overflow metadata for an Nimbra entry. Return code %d", code);
+  }
+  return Retirement::done;
+}
+
 }  // namespace
 
 uint32_t unpinLuOffHeapMapValue(JNIEnv* env, Pinnable* entry, uint32_t reason) {
@@ -167,6 +211,13 @@ uint32_t unpinLuOffHeapMapValue(JNIEnv* env, Pinnable* entry, uint32_t reason) {
   }
   NB_DEBUG(env, "luValue=%p pins <= 0, freeing constituent members", static_cast<void*>(value));
   NB_EVENT(env, "luValue=%p pins <= 0, freeing constituent members", static_cast<void*>(value));
+  // A node that was never initialised has no lock that could be taken.
+  if (_isDiskOverflowEnabled && nodeOf(value)->mapHeader != nullptr) {
+    // Java is told of the deletion, so an exception of the operation that failed has to wait.
+    const ExceptionAside aside(env);
+    const Retirement retirement = retireNode(env, value);
+    if (retirement != Retirement::done) return retirement == Retirement::keptByJava ? 1 : kNoCount;
+  }
   releaseKey(env, value);
   releaseEvictionData(env, value->evictionData, "evictionData");
   releaseEvictionData(env, value->ttlEvictionData, "ttlEvictionData");

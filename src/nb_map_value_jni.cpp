@@ -5,6 +5,7 @@
 #include "com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl.h"
 #include "nb_jni.h"
 #include "nb_map_private.h"
+#include "overflow.h"
 
 using namespace nimbra;
 
@@ -118,5 +119,10 @@ jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_isClient
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getSize(JNIEnv* env, jobject,
                                                                              jlong value) {
-  return static_cast<jlong>(getSize_LuValue(env, fromHandle<LuOffHeapValue>(value)));
+  auto* record = fromHandle<LuOffHeapValue>(value);
+  const bool locked =
+      _isDiskOverflowEnabled && overflow_metadata_lock(env, "getSize", nodeOf(record));
+  const uint64_t size = getSize_LuValue(env, record);
+  if (locked) overflow_metadata_unlock(env, "getSize", nodeOf(record));
+  return static_cast<jlong>(size);
 }

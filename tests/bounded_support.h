@@ -153,7 +153,7 @@ class Caller {
   std::optional<std::string> get(std::string_view key, jint hash, jlong now, jlong newDeadline) {
     const Partition& p = partition_;
     const jbyteArray value = bounded::get(jni_.env(), nullptr, p.handle(), p.queue, p.policy, p.ttl,
-                                          array(key), hash, now, newDeadline);
+                                          array(key), hash, now, newDeadline, nullptr);
     if (value == nullptr) return std::nullopt;
     const std::vector<uint8_t> found = jni_.bytesOf(jni_.adopt(value));
     return std::string(found.begin(), found.end());

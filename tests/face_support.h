@@ -71,7 +71,7 @@ class Caller {
     return present == JNI_TRUE;
   }
   std::optional<std::string> get(std::string_view key, jint hash) {
-    const jbyteArray value = face::get(env_, nullptr, handle(), array(key), hash);
+    const jbyteArray value = face::get(env_, nullptr, handle(), array(key), hash, nullptr);
     if (value == nullptr) return std::nullopt;
     const std::vector<uint8_t> bytes = jni_.bytesOf(jni_.adopt(value));
     return std::string(bytes.begin(), bytes.end());

@@ -57,9 +57,10 @@ class LockOrder : public ::testing::Test {
 };
 
 TEST(LockRanks, TableNamesEveryRankInOrder) {
-  const LockRank order[] = {
-      LockRank::map,      LockRank::bucketSet, LockRank::queue,           LockRank::node,
-      LockRank::pinChain, LockRank::pinRecord, LockRank::profileRegistry, LockRank::profile};
+  const LockRank order[] = {LockRank::map,      LockRank::bucketSet, LockRank::queue,
+                            LockRank::anchor,   LockRank::node,      LockRank::sweepState,
+                            LockRank::pinChain, LockRank::pinRecord, LockRank::profileRegistry,
+                            LockRank::profile};
   ASSERT_EQ(std::size(kLockRanks), std::size(order));
   for (std::size_t at = 0; at < std::size(order); ++at) {
     EXPECT_EQ(kLockRanks[at].rank, order[at]);

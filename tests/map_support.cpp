@@ -27,7 +27,9 @@ const char* nameOf(LockRank rank) {
     case LockRank::map: return "map";
     case LockRank::bucketSet: return "bucketSet";
     case LockRank::queue: return "queue";
+    case LockRank::anchor: return "anchor";
     case LockRank::node: return "node";
+    case LockRank::sweepState: return "sweepState";
     case LockRank::pinChain: return "pinChain";
     case LockRank::pinRecord: return "pinRecord";
     case LockRank::profileRegistry: return "profileRegistry";
@@ -44,6 +46,15 @@ const char* nameOf(LockOp operation) {
     case LockOp::readLock: return "readLock";
     case LockOp::writeLock: return "writeLock";
     case LockOp::unlock: return "unlock";
+    case LockOp::attributesInit: return "attributesInit";
+    case LockOp::attributesType: return "attributesType";
+    case LockOp::attributesDestroy: return "attributesDestroy";
+    case LockOp::conditionInit: return "conditionInit";
+    case LockOp::conditionDestroy: return "conditionDestroy";
+    case LockOp::wait: return "wait";
+    case LockOp::signal: return "signal";
+    case LockOp::destroy: return "destroy";
+    case LockOp::yield: return "yield";
   }
   return "?";
 }

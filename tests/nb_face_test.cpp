@@ -337,7 +337,7 @@ TEST_F(FaceTest, GetWithoutMemoryForTheArrayLeavesNoPin) {
 TEST_F(FaceTest, GetReturnsAnArrayOfItsOwn) {
   put("k", "value");
   const jbyteArray first =
-      jni.adopt(face::get(env, nullptr, calls->handle(), calls->array("k"), hashOf("k")));
+      jni.adopt(face::get(env, nullptr, calls->handle(), calls->array("k"), hashOf("k"), nullptr));
   put("k", "other");
   EXPECT_EQ(calls->remove("k", hashOf("k")), 1);
   const std::vector<uint8_t> copy = jni.bytesOf(first);

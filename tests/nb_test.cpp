@@ -115,10 +115,12 @@ TEST_F(Lifecycle, OnlyAByteOfOneTurnsOverflowOn) {
   EXPECT_FALSE(_isDiskOverflowEnabled);
 }
 
-TEST_F(Lifecycle, OverflowWithoutItsLayerAnswersFalseAndCachesNothing) {
+TEST_F(Lifecycle, OverflowWithoutItsJavaClassesAnswersFalseAndStaysOff) {
+  jni.hideClass("com/velt/rz/corvane/io/offheap/overflow/NOFStruct");
+  jni.hideClass(kOverflowClass);
   jni.clearCalls();
   EXPECT_EQ(start(1'000'000, JNI_TRUE), JNI_FALSE);
-  EXPECT_TRUE(_isDiskOverflowEnabled);
+  EXPECT_FALSE(_isDiskOverflowEnabled);
   EXPECT_EQ(maxOffHeapSize, 1'000'000);
   EXPECT_EQ(jni.callCount("GetMethodID"), 0);
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds and runs the native benchmarks, then the Java ones: the map beside a map on the heap, and
-# how cost follows the size of a map. Arguments go to the first Java runner; --quick shortens all.
+# Builds and runs the native benchmarks, then the Java ones: the map beside a map on the heap, how
+# cost follows the size of a map, and what disk overflow costs in memory. Arguments go to the first Java runner; --quick shortens all.
 # Tables and raw results stay in build/bench.
 set -euo pipefail
 
@@ -30,3 +30,7 @@ printf '\n==== Java ====\n'
 printf '\n==== cost by size ====\n'
 "$java" -cp java/nimbra-bench/target/benchmarks.jar \
   com.velt.rz.corvane.nimbra.bench.ScalingMain build/bench "${scaling_options[@]}"
+
+printf '\n==== disk overflow, everything in memory ====\n'
+"$java" -cp java/nimbra-bench/target/benchmarks.jar \
+  com.velt.rz.corvane.nimbra.bench.OverflowMain build/bench "${scaling_options[@]}"

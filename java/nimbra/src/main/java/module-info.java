@@ -8,4 +8,5 @@ module com.velt.rz.corvane.nimbra {
     exports com.velt.rz.corvane.io.offheap.overflow;
     exports com.velt.rz.corvane.io.offheap.util;
     exports com.velt.rz.corvane.nimbra;
+    exports com.velt.rz.corvane.nimbra.overflow;
 }

@@ -92,10 +92,19 @@ final class BoundedNatives {
      * Copies the value of a key, marks the entry used and moves its deadline.
      *
      * @param newDeadline the deadline from now on, or {@link #KEEP_DEADLINE}
-     * @return a new array, or null when the key is absent or expired
+     * @param onDisk as in {@link MapNatives#get}
+     * @return a new array, or null when the key is absent or expired, or its value on disk
      */
     static native byte[] get(
-            long map, long queue, int policy, long ttl, byte[] key, int hash, long now, long newDeadline);
+            long map,
+            long queue,
+            int policy,
+            long ttl,
+            byte[] key,
+            int hash,
+            long now,
+            long newDeadline,
+            long[] onDisk);
 
     /**
      * Pins the value buffer of a key for the caller as {@link MapNatives#pin} does, marks the entry used and moves its
@@ -103,7 +112,8 @@ final class BoundedNatives {
      *
      * @param newDeadline the deadline from now on, or {@link #KEEP_DEADLINE}
      * @param out receives the address of the value's first byte, its length, and the revision
-     * @return the handle of the pinned buffer, or 0 when the key is absent or expired
+     * @return the handle of the pinned buffer, or 0 when the key is absent or expired; for a value on disk as in {@link
+     *     MapNatives#pin}
      */
     static native long pin(
             long map, long queue, int policy, long ttl, byte[] key, int hash, long now, long newDeadline, long[] out);

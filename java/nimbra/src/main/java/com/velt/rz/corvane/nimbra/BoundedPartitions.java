@@ -75,6 +75,9 @@ final class BoundedPartitions {
     /** Bytes that the bound counts for an entry with an empty key and an empty value. */
     private final long emptyEntryBytes;
 
+    /** Null without disk overflow. */
+    private final OverflowManager overflow = Nimbra.get().overflow();
+
     private final AtomicInteger nextPartition = new AtomicInteger();
     private final AtomicBoolean maintenanceScheduled = new AtomicBoolean();
 
@@ -377,6 +380,7 @@ final class BoundedPartitions {
     byte[] get(int partition, byte[] key, int hash) {
         long now = now();
         byte[] value;
+        long[] onDisk = overflow == null ? null : new long[1];
         gates.enter(partition, "get");
         try {
             value = BoundedNatives.get(
@@ -387,7 +391,11 @@ final class BoundedPartitions {
                     key,
                     hash,
                     now,
-                    deadlineAfterAccess(now));
+                    deadlineAfterAccess(now),
+                    onDisk);
+            if (overflow != null) {
+                value = overflow.complete(value, onDisk[0], mapName, "get");
+            }
         } finally {
             gates.exit(partition);
         }
@@ -411,6 +419,9 @@ final class BoundedPartitions {
                     now,
                     deadlineAfterAccess(now),
                     info);
+            if (overflow != null) {
+                handle = overflow.complete(handle, info, mapName, "pin");
+            }
         } finally {
             gates.exit(partition);
         }
@@ -495,6 +506,7 @@ final class BoundedPartitions {
             int partition, int count, EvictionCause cause, long now, String operation, byte[] watched, boolean[] seen) {
         long[] out = EVICTED.get();
         int evicted;
+        byte[][] onDisk = null;
         EvictionEvent event = new EvictionEvent();
         if (event.isEnabled()) {
             event.begin();
@@ -510,13 +522,16 @@ final class BoundedPartitions {
                     cause == EvictionCause.EXPIRED,
                     now,
                     out);
+            if (overflow != null && evicted > 0) {
+                onDisk = overflow.resolveEvicted(out, evicted, listener != null, mapName);
+            }
         } finally {
             gates.exit(partition);
         }
         if (evicted > 0) {
             (cause == EvictionCause.SIZE ? sizeEvictions : expirations).add(evicted);
             record(event, out, evicted, cause);
-            announce(out, evicted, cause, watched, seen);
+            announce(out, evicted, onDisk, cause, watched, seen);
         }
         return evicted;
     }
@@ -536,14 +551,16 @@ final class BoundedPartitions {
     }
 
     /** Drops the pins of evicted entries, whatever happens, and tells the listener. */
-    private void announce(long[] out, int evicted, EvictionCause cause, byte[] watched, boolean[] seen) {
+    private void announce(
+            long[] out, int evicted, byte[][] onDisk, EvictionCause cause, byte[] watched, boolean[] seen) {
         byte[][] copies = listener == null ? null : new byte[2 * evicted][];
         try {
             for (int entry = 0; entry < evicted; entry++) {
                 int at = entry * FIELDS;
                 if (copies != null) {
                     copies[2 * entry] = OffHeapMap.copy(out[at], out[at + 1]);
-                    copies[2 * entry + 1] = OffHeapMap.copy(out[at + 2], out[at + 3]);
+                    copies[2 * entry + 1] =
+                            out[at + 2] == 0 ? onDisk[entry] : OffHeapMap.copy(out[at + 2], out[at + 3]);
                 }
                 if (watched != null && out[at + 1] == watched.length) {
                     seen[0] |= Arrays.equals(watched, OffHeapMap.copy(out[at], out[at + 1]));
@@ -553,6 +570,9 @@ final class BoundedPartitions {
             MapNatives.unpinAll(out, 0, evicted);
         }
         for (int entry = 0; copies != null && entry < evicted; entry++) {
+            if (copies[2 * entry + 1] == null) {
+                continue; // on disk and not readable, which was logged
+            }
             try {
                 listener.evicted(copies[2 * entry], copies[2 * entry + 1], cause);
             } catch (Throwable e) {

@@ -16,15 +16,27 @@ public final class Change {
     private final int keyLength;
     private final long valueAddress;
     private final int valueLength;
+
+    /** The value, when it was on disk; otherwise null. */
+    private final byte[] valueRead;
+
     private final long revision;
     private boolean released;
 
-    Change(long record, long keyAddress, long keyLength, long valueAddress, long valueLength, long revision) {
+    Change(
+            long record,
+            long keyAddress,
+            long keyLength,
+            long valueAddress,
+            long valueLength,
+            byte[] valueRead,
+            long revision) {
         this.record = record;
         this.keyAddress = keyAddress;
         this.keyLength = Math.toIntExact(keyLength);
         this.valueAddress = valueAddress;
-        this.valueLength = Math.toIntExact(valueLength);
+        this.valueLength = valueRead != null ? valueRead.length : Math.toIntExact(valueLength);
+        this.valueRead = valueRead;
         this.revision = revision;
     }
 
@@ -35,18 +47,20 @@ public final class Change {
     }
 
     /**
-     * Returns a read-only direct buffer over the value's bytes where they stand, in big-endian order, with a position and
-     * a limit of its own on every call.
+     * Returns a read-only buffer over the value's bytes, in big-endian order, with a position and a limit of its own on
+     * every call; direct, where the value stands in memory.
      */
     public ByteBuffer value() {
         checkValid("value");
-        return PhantomWindows.readOnlySlice(valueAddress, valueLength);
+        return valueRead != null
+                ? ByteBuffer.wrap(valueRead).asReadOnlyBuffer()
+                : PhantomWindows.readOnlySlice(valueAddress, valueLength);
     }
 
     /** Returns the value in an array of its own. */
     public byte[] copyValue() {
         checkValid("value");
-        return copy(valueAddress, valueLength);
+        return valueRead != null ? valueRead.clone() : copy(valueAddress, valueLength);
     }
 
     /** Returns the number that the map gave to the write that stored this value. */

@@ -54,6 +54,9 @@ public final class ChangeIterator implements Iterator<Change>, AutoCloseable {
     /** The next place to look at. */
     private int place;
 
+    /** The value at {@link #place}, when it was on disk and has been read. */
+    private byte[] valueRead;
+
     private Change current;
     private long lastRevision;
     private boolean closed;
@@ -95,13 +98,17 @@ public final class ChangeIterator implements Iterator<Change>, AutoCloseable {
      *
      * @throws IllegalStateException when the map was closed meanwhile; the iterator is closed then, too
      * @throws OffHeapMemoryException when there was no memory for the reader's bookmark; likewise
+     * @throws OffHeapStorageException when a value is on disk and cannot be read; likewise
      */
     @Override
     public boolean hasNext() {
         if (closed) {
             return false;
         }
-        while (!findEntry()) {
+        while (!findEntry() || !findValue()) {
+            if (place < windowEnd - windowStart) {
+                continue; // an entry that has changed since was left out
+            }
             if (windowEnd >= end) {
                 lastRevision = end;
                 close();
@@ -110,6 +117,30 @@ public final class ChangeIterator implements Iterator<Change>, AutoCloseable {
             nextWindow();
         }
         return true;
+    }
+
+    /** Reads the value of the entry found, if it is on disk. An entry that has changed since is left out. */
+    private boolean findValue() {
+        int at = place * KEPT_WORDS;
+        if (entries[at + 3] != 0 || valueRead != null) {
+            return true;
+        }
+        boolean complete = false;
+        try {
+            valueRead = map.valueForWalk(
+                    OffHeapMap.copy(entries[at + 1], entries[at + 2]), windowStart + 1 + place, "changesSince");
+            complete = true;
+        } finally {
+            if (!complete) {
+                close();
+            }
+        }
+        if (valueRead == null) {
+            BoundedNatives.releaseQueried(entries[at], entries[at + 1], 0);
+            entries[at] = 0;
+            place++;
+        }
+        return valueRead != null;
     }
 
     /**
@@ -127,7 +158,14 @@ public final class ChangeIterator implements Iterator<Change>, AutoCloseable {
         int at = place * KEPT_WORDS;
         lastRevision = windowStart + 1 + place;
         current = new Change(
-                entries[at], entries[at + 1], entries[at + 2], entries[at + 3], entries[at + 4], lastRevision);
+                entries[at],
+                entries[at + 1],
+                entries[at + 2],
+                entries[at + 3],
+                entries[at + 4],
+                valueRead,
+                lastRevision);
+        valueRead = null;
         entries[at] = 0;
         place++;
         return current;
@@ -148,6 +186,7 @@ public final class ChangeIterator implements Iterator<Change>, AutoCloseable {
             return;
         }
         closed = true;
+        valueRead = null;
         try {
             releaseCurrent();
             while (findEntry()) {

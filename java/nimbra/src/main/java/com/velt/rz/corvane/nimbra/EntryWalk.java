@@ -2,9 +2,13 @@ package com.velt.rz.corvane.nimbra;
 
 import java.util.function.BiConsumer;
 
-/** The walk behind {@link OffHeapMap#forEach}: some entries at a time are pinned, copied and handed over. */
+/**
+ * The walk behind {@link OffHeapMap#forEach}: some entries at a time are pinned, copied and handed over. A value that is
+ * on disk is looked up by its key when its turn comes.
+ */
 final class EntryWalk {
-    private static final int FIELDS = 5;
+    static final int FIELDS = 5;
+
     private static final int ENTRIES = 64;
 
     private EntryWalk() {}
@@ -21,20 +25,25 @@ final class EntryWalk {
                 if (count < 0) {
                     found = new long[Math.multiplyExact(-count, FIELDS)];
                 } else {
-                    handOver(found, count, consumer);
+                    handOver(map, found, count, consumer);
                 }
             }
         }
     }
 
     /** Passes scanned entries on and drops their pins, whatever happens in between. */
-    private static void handOver(long[] found, int count, BiConsumer<? super byte[], ? super byte[]> consumer) {
+    private static void handOver(
+            OffHeapMap map, long[] found, int count, BiConsumer<? super byte[], ? super byte[]> consumer) {
         try {
             for (int entry = 0; entry < count; entry++) {
                 int at = entry * FIELDS;
                 byte[] key = OffHeapMap.copy(found[at], found[at + 1]);
-                byte[] value = OffHeapMap.copy(found[at + 2], found[at + 3]);
-                consumer.accept(key, value);
+                byte[] value = found[at + 2] == 0
+                        ? map.valueForWalk(key, OverflowManager.ANY_REVISION, "forEach")
+                        : OffHeapMap.copy(found[at + 2], found[at + 3]);
+                if (value != null) {
+                    consumer.accept(key, value);
+                }
             }
         } finally {
             if (count > 0) {

@@ -47,9 +47,11 @@ final class MapNatives {
     /**
      * Copies the value of a key.
      *
-     * @return a new array, or null when the key is absent
+     * @param onDisk null without disk overflow; otherwise element 0 receives the entry's record, pinned for the caller
+     *     ({@link OverflowNatives#unpinRecord}), when the value is on disk, and is left alone when it is not
+     * @return a new array, or null when the key is absent or its value on disk
      */
-    static native byte[] get(long map, byte[] key, int hash);
+    static native byte[] get(long map, byte[] key, int hash, long[] onDisk);
 
     /**
      * Removes the entry. Its buffers are freed with their last pin.
@@ -66,7 +68,8 @@ final class MapNatives {
      * {@link #unpin}, whatever happens to the entry or to its map.
      *
      * @param out receives the address of the value's first byte, its length in bytes, and the revision
-     * @return the handle of the pinned buffer, or 0 when the key is absent
+     * @return the handle of the pinned buffer, or 0 when the key is absent; for a value on disk, minus the entry's record,
+     *     pinned for the caller ({@link OverflowNatives#unpinRecord})
      */
     static native long pin(long map, byte[] key, int hash, long[] out);
 
@@ -78,7 +81,8 @@ final class MapNatives {
      *
      * <p>Each entry fills five elements of {@code out}: address of the key's first byte, key length,
      * address of the value's first byte, value length, revision; lengths are in bytes. Its key and
-     * value buffers are pinned for the caller until {@link #unpinAll}. An entry that is present during
+     * value buffers are pinned for the caller until {@link #unpinAll}. For a value on disk, 0 and the entry's record, which
+     * is pinned likewise, stand in place of its address and length; who unpins that himself writes 0 there. An entry that is present during
      * the whole walk is seen exactly once, also while the table grows.
      *
      * @param cursor two elements, {@code {0, 0}} at the start; element 0 is -1 after the last step

@@ -68,6 +68,9 @@ public final class OffHeapMap implements AutoCloseable {
 
     private final ChangeReaders readers;
 
+    /** Null without disk overflow. */
+    private final OverflowManager overflow = Nimbra.get().overflow();
+
     /** Serialises {@link #clear} and {@link #close}. No code of a caller runs while it is held. */
     private final ReentrantLock lifecycle = new ReentrantLock();
 
@@ -207,6 +210,7 @@ public final class OffHeapMap implements AutoCloseable {
      * @return a new array that belongs to the caller, or null when the key is absent
      * @throws NullPointerException when the key is null
      * @throws IllegalArgumentException when the key is too long
+     * @throws OffHeapStorageException when the value is on disk and cannot be read
      * @throws IllegalStateException when the map is closed
      */
     public byte[] get(byte[] key) {
@@ -218,7 +222,12 @@ public final class OffHeapMap implements AutoCloseable {
         }
         gates.enter(partition, "get");
         try {
-            return MapNatives.get(handles[partition], key, (int) hash);
+            if (overflow == null) {
+                return MapNatives.get(handles[partition], key, (int) hash, null);
+            }
+            long[] onDisk = new long[1];
+            byte[] value = MapNatives.get(handles[partition], key, (int) hash, onDisk);
+            return overflow.complete(value, onDisk[0], name, "get");
         } finally {
             gates.exit(partition);
         }
@@ -231,6 +240,8 @@ public final class OffHeapMap implements AutoCloseable {
      *     absent
      * @throws NullPointerException when the key is null
      * @throws IllegalArgumentException when the key is too long
+     * @throws OffHeapStorageException when the value is on disk and cannot be read
+     * @throws OffHeapMemoryException when the value is on disk and there is no memory to read it into
      * @throws IllegalStateException when the map is closed
      */
     public PinnedValue pin(byte[] key) {
@@ -249,6 +260,9 @@ public final class OffHeapMap implements AutoCloseable {
         gates.enter(partition, "pin");
         try {
             handle = MapNatives.pin(handles[partition], key, (int) hash, info);
+            if (overflow != null) {
+                handle = overflow.complete(handle, info, name, "pin");
+            }
         } finally {
             gates.exit(partition);
         }
@@ -365,6 +379,7 @@ public final class OffHeapMap implements AutoCloseable {
      * new one. No lock is held while the consumer runs, so it may use this map, and close it.
      *
      * @param consumer receives key and value in arrays of its own; what it throws ends the walk and is passed on
+     * @throws OffHeapStorageException when a value is on disk and cannot be read
      * @throws IllegalStateException when the map is closed, before the walk or during it
      */
     public void forEach(BiConsumer<? super byte[], ? super byte[]> consumer) {
@@ -372,14 +387,21 @@ public final class OffHeapMap implements AutoCloseable {
         EntryWalk.run(this, consumer);
     }
 
-    /** One step of a walk over a partition, as {@link MapNatives#scan} describes it. */
+    /**
+     * One step of a walk over a partition, as {@link MapNatives#scan} describes it, but without pins on records: for a
+     * value that is on disk, 0 and 0 stand in place of its address and length.
+     */
     int scan(int partition, long[] cursor, long[] found) {
         if (bounded != null) {
             bounded.collectAll(partition, "forEach");
         }
         gates.enter(partition, "forEach");
         try {
-            return MapNatives.scan(handles[partition], cursor, found);
+            int count = MapNatives.scan(handles[partition], cursor, found);
+            if (overflow != null) {
+                OverflowManager.letRecordsGo(found, count);
+            }
+            return count;
         } finally {
             gates.exit(partition);
         }
@@ -420,6 +442,7 @@ public final class OffHeapMap implements AutoCloseable {
                     gates.readmit(partition);
                 }
             }
+            drainOverflow();
             if (event.shouldCommit()) {
                 event.map = name;
                 event.commit();
@@ -551,6 +574,24 @@ public final class OffHeapMap implements AutoCloseable {
     }
 
     /**
+     * Reads the value of an entry that a walk has found on disk; null when it has changed since or is gone.
+     *
+     * @param revision the only one that is wanted, or {@link OverflowManager#ANY_REVISION}
+     */
+    byte[] valueForWalk(byte[] key, long revision, String operation) {
+        long hash = hash(key);
+        int partition = partition(hash);
+        long[] info = new long[3];
+        gates.enter(partition, operation);
+        try {
+            long handle = MapNatives.pin(handles[partition], key, (int) hash, info);
+            return overflow.valueForWalk(handle, info, revision, name, operation);
+        } finally {
+            gates.exit(partition);
+        }
+    }
+
+    /**
      * Gives up the place of a named reader; the name may be used anew.
      *
      * @return false when no reader has that name
@@ -588,9 +629,18 @@ public final class OffHeapMap implements AutoCloseable {
         boolean released = true;
         for (int partition = 0; partition < count; partition++) {
             released &= natives.clear(handles[partition]);
+            drainOverflow();
             released &= natives.deleteLuOffHeapMap(handles[partition]);
         }
         return released;
+    }
+
+    /** Lets records go that live for their copy on disk only: they must not outlive their table. */
+    private static void drainOverflow() {
+        OverflowManager overflow = Nimbra.get().overflow();
+        if (overflow != null) {
+            overflow.drain();
+        }
     }
 
     @Override
@@ -643,7 +693,7 @@ public final class OffHeapMap implements AutoCloseable {
         private static final float MAX_LOAD_FACTOR = 64;
 
         private String name;
-        private int partitions = defaultPartitions(Runtime.getRuntime().availableProcessors());
+        private int partitions = MapSizes.defaultPartitions(Runtime.getRuntime().availableProcessors());
         private int bucketSets = 16;
         private float loadFactor = 0.75f;
         private int maximumValueLength = MAX_VALUE_LENGTH;
@@ -664,8 +714,8 @@ public final class OffHeapMap implements AutoCloseable {
          * @param count 1 to 4,096
          */
         public Builder partitions(int count) {
-            checkRange("partitions", count, MAX_PARTITIONS);
-            partitions = roundUp(count);
+            MapSizes.checkRange("partitions", count, MAX_PARTITIONS);
+            partitions = MapSizes.roundUp(count);
             return this;
         }
 
@@ -675,8 +725,8 @@ public final class OffHeapMap implements AutoCloseable {
          * @param count 1 to 65,536
          */
         public Builder bucketSets(int count) {
-            checkRange("bucketSets", count, MAX_BUCKET_SETS);
-            bucketSets = roundUp(count);
+            MapSizes.checkRange("bucketSets", count, MAX_BUCKET_SETS);
+            bucketSets = MapSizes.roundUp(count);
             return this;
         }
 
@@ -700,7 +750,7 @@ public final class OffHeapMap implements AutoCloseable {
          * @param bytes 1 to {@link OffHeapMap#MAX_VALUE_LENGTH}
          */
         public Builder maximumValueLength(int bytes) {
-            checkRange("maximumValueLength", bytes, MAX_VALUE_LENGTH);
+            MapSizes.checkRange("maximumValueLength", bytes, MAX_VALUE_LENGTH);
             maximumValueLength = bytes;
             return this;
         }
@@ -797,7 +847,7 @@ public final class OffHeapMap implements AutoCloseable {
          */
         public OffHeapMap build() {
             eviction.check();
-            NimbraStats stats = Nimbra.get().stats();
+            Nimbra nimbra = Nimbra.get();
             int id = MAPS_MADE.incrementAndGet();
             String mapName = name != null ? name : "map-" + id;
             LuOffHeapMapImpl natives = new LuOffHeapMapImpl();
@@ -808,6 +858,10 @@ public final class OffHeapMap implements AutoCloseable {
                     bytesNeeded(),
                     "creating map \"" + mapName + "\" with " + partitions + " partitions");
             // A table that is refused halfway keeps what it has got, so the room is looked for beforehand.
+            if (nimbra.overflows()) {
+                nimbra.overflow().makeRoom(bytesNeeded());
+            }
+            NimbraStats stats = nimbra.stats();
             if (stats.bytesInUse() + bytesNeeded() >= stats.maximumBytes()) {
                 throw request.refuse();
             }
@@ -838,26 +892,9 @@ public final class OffHeapMap implements AutoCloseable {
             }
         }
 
-        /** At least the bytes that the empty map takes, with room for the pages of size classes not in use yet. */
+        /** Bytes that the empty map takes at most. */
         long bytesNeeded() {
-            long header = (bucketSets + 2) * 64L;
-            long buckets = bucketSets * 16L;
-            return partitions * ((header + buckets) * 5 / 4 + 512) + (64 << 10);
-        }
-
-        static int defaultPartitions(int processors) {
-            return Math.min(256, Math.max(16, roundUp(4 * Math.min(processors, 64))));
-        }
-
-        private static int roundUp(int count) {
-            return count == 1 ? 1 : Integer.highestOneBit(count - 1) << 1;
-        }
-
-        private static void checkRange(String option, int value, int greatest) {
-            if (value < 1 || value > greatest) {
-                throw new IllegalArgumentException(
-                        option + " is " + value + ", has to be at least 1 and at most " + greatest);
-            }
+            return MapSizes.bytesOfEmptyMap(partitions, bucketSets);
         }
     }
 }

@@ -364,11 +364,11 @@ class OffHeapMapTest {
                 assertEquals(100, map.size());
             }
         }
-        assertEquals(16, OffHeapMap.Builder.defaultPartitions(1));
-        assertEquals(16, OffHeapMap.Builder.defaultPartitions(4));
-        assertEquals(32, OffHeapMap.Builder.defaultPartitions(5));
-        assertEquals(256, OffHeapMap.Builder.defaultPartitions(64));
-        assertEquals(256, OffHeapMap.Builder.defaultPartitions(Integer.MAX_VALUE));
+        assertEquals(16, MapSizes.defaultPartitions(1));
+        assertEquals(16, MapSizes.defaultPartitions(4));
+        assertEquals(32, MapSizes.defaultPartitions(5));
+        assertEquals(256, MapSizes.defaultPartitions(64));
+        assertEquals(256, MapSizes.defaultPartitions(Integer.MAX_VALUE));
     }
 
     /** The native map sees the low 32 bits only: were a partition chosen by them, its keys would share buckets. */

@@ -16,7 +16,8 @@ import org.junit.jupiter.params.provider.ValueSource;
 
 /**
  * Runs every test of this module again in a virtual machine that checks each JNI call, and reads all that it prints:
- * the checks write their warnings to the standard output and go on.
+ * the checks write their warnings to the standard output and go on. The tests of disk overflow have processes, with
+ * these checks, of their own.
  */
 @Tag("child-jvm")
 class CheckedJniTest {
@@ -46,7 +47,8 @@ class CheckedJniTest {
                 "--details=summary",
                 "--fail-if-no-tests",
                 "--select-package=com.velt.rz.corvane",
-                "--exclude-tag=child-jvm");
+                "--exclude-tag=child-jvm",
+                "--exclude-tag=overflow");
         assertEquals(List.of(), warnings(result.output()), () -> end(result.output()));
         assertEquals(0, result.exitCode(), () -> end(result.output()));
         Matcher successful = SUCCESSFUL.matcher(result.output());

@@ -1,7 +1,6 @@
 package com.velt.rz.corvane.io.offheap;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
-import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.velt.rz.corvane.io.offheap.util.OffHeapLogger;
@@ -111,16 +110,6 @@ class LifecycleTest extends NativeTestBase {
             assertTrue(names.get(5).matches("pthread_mutex_t=\\d+"), names.get(5));
             assertTrue(names.get(6).matches("pthread_t=\\d+"), names.get(6));
             assertTrue(names.get(7).matches("pthread_cond_t=\\d+"), names.get(7));
-        }
-    }
-
-    @Test
-    void diskOverflowCannotBeSwitchedOnYet() {
-        try {
-            assertFalse(MANAGER.initializeOffHeap(GIGABYTE, 0, 0, true));
-        } finally {
-            // The switch is stored before the overflow layer is asked for, and decides record sizes.
-            assertTrue(MANAGER.initializeOffHeap(GIGABYTE, 0, 0, false));
         }
     }
 

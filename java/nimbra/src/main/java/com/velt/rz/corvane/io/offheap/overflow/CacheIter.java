@@ -25,11 +25,12 @@ public final class CacheIter {
     /**
      * Lets go the current entry and moves to the next one that may be moved to disk.
      *
-     * @return the entry, whose locks this thread then holds, or 0 at the end of the sweep
+     * @return the entry, whose locks this thread then holds, with a pin of reason 256 that the caller drops before the
+     *     next call here or in {@link #dispose}; or 0 at the end of the sweep
      */
     public static native long advanceAndNextEvictable();
 
-    /** Ends the sweep, lets its locks go and keeps its place for the next one. */
+    /** Ends the sweep, lets its locks go and keeps its place for the next one. Once after each {@link #init}. */
     public static native void dispose();
 
     /** Returns the fourteen figures of the sweep: the first is current, the others are as of the last refresh. */
