@@ -93,18 +93,6 @@ uint32_t thresholdOf(uint32_t bucketCount, float loadFactor) {
   return product < 4294967296.0F ? static_cast<uint32_t>(product) : UINT32_MAX;
 }
 
-uint32_t hashFn32(uint32_t hash) {
-  // Steps 4 and 6 shift left, unlike 2 and 7; where an entry lies depends on it.
-  hash -= hash << 9;
-  hash ^= hash >> 14;
-  hash -= hash << 5;
-  hash ^= hash << 4;
-  hash -= hash << 7;
-  hash ^= hash << 7;
-  hash ^= hash >> 18;
-  return hash;
-}
-
 BucketSet* getBucketSetByIndex(MapHeader* header, uint32_t index) {
   return reinterpret_cast<BucketSet*>(header + 1) + index;
 }

@@ -12,6 +12,7 @@
 #include <cstdint>
 
 #include "nb.h"
+#include "nb_hash.h"
 #include "nb_atomic.h"
 #include "nb_lock.h"
 
@@ -63,8 +64,6 @@ int32_t keycmp(JNIEnv* env, double search, const ByteBufferHeader* stored);
 int32_t keycmp(JNIEnv* env, jstring search, const ByteBufferHeader* stored);
 // h = 31 h + byte over signed bytes, from 0, wrapping at 32 bits.
 int32_t hashFn(const ByteBufferHeader* key);
-uint32_t hashFn32(uint32_t hash);
-uint64_t hashFn64(uint64_t hash);
 
 // Calls into Java; null or false, without a call, while the method ID is null.
 jobject deserialize(JNIEnv* env, jobject map, jobject buffer);

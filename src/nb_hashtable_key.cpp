@@ -130,17 +130,6 @@ int32_t hashFn(const ByteBufferHeader* key) {
   return static_cast<int32_t>(hash);
 }
 
-uint64_t hashFn64(uint64_t hash) {
-  hash -= hash << 9;
-  hash ^= hash >> 14;
-  hash -= hash << 5;
-  hash ^= hash << 4;
-  hash -= hash << 7;
-  hash ^= hash << 7;
-  hash ^= hash >> 18;
-  return hash;
-}
-
 jobject deserialize(JNIEnv* env, jobject map, jobject buffer) {
   const jmethodID method = deserializeMethod;
   return method == nullptr ? nullptr : env->CallObjectMethod(map, method, buffer);

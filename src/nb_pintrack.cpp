@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "nb_hashtable.h"
+#include "nb_hash.h"
 #include "nb_lock.h"
 #include "nb_logging.h"
 
