@@ -1,5 +1,5 @@
-// What Java does about memory with disk overflow, for tests with many threads: a disk, and a manager
-// that sweeps values to it when an allocation needs room, and frees what was deleted.
+// What Java does about memory with disk overflow, for tests with many threads: a disk, and a
+// manager that sweeps values to it when an allocation needs room, and frees what was deleted.
 
 #pragma once
 

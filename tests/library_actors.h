@@ -90,8 +90,8 @@ class ContractActor {
   void query(KeyOf keyOf) {
     const jlong last = shared_.last();
     const jlong from = thread_.chance(4) ? 0 : seen_;
-    const jobject area = thread_.jni().newDirectBuffer(rows_.data(),
-                                                       static_cast<jlong>(8 * rows_.size()));
+    const jobject area =
+        thread_.jni().newDirectBuffer(rows_.data(), static_cast<jlong>(8 * rows_.size()));
     natives::queryRevisionAndPinWithBounds(
         env(), self(), shared_.handle(), area, thread_.chance(3) ? -1 : static_cast<jint>(index_),
         thread_.jni().newLongArray(std::vector<jlong>(kOwners, from)),
@@ -268,11 +268,11 @@ class MixedActor : public ContractActor {
     ByteBufferHeader* value = thread_.buffer(valueOf(key, static_cast<uint64_t>(revision)));
     if (value == nullptr) return nullptr;
     const jobject javaValue = thread_.javaBuffer(value);
-    const jlong record = thread_.chance(2)
-                             ? withHash(env(), self(), map(), keyBuffer(key), map_.hashOf(key),
-                                        javaValue, owner(), revision)
-                             : without(env(), self(), map(), keyBuffer(key), javaValue, owner(),
-                                       revision);
+    const jlong record =
+        thread_.chance(2)
+            ? withHash(env(), self(), map(), keyBuffer(key), map_.hashOf(key), javaValue, owner(),
+                       revision)
+            : without(env(), self(), map(), keyBuffer(key), javaValue, owner(), revision);
     unpinToFree(env(), value, ALLOCATION_PIN);
     return natives::asValue(record);
   }
@@ -293,14 +293,13 @@ class MixedActor : public ContractActor {
         return write(
             key,
             [&](jbyteArray value, jint length, jshort owner, jlong revision) {
-              return insertAndGetNewAndPinWithHashCodeAndString(env(), self(), map(), string(key),
-                                                                hash, value, length,
-                                                                DESERIALIZED_TYPE_BINARY, owner,
-                                                                revision);
+              return insertAndGetNewAndPinWithHashCodeAndString(
+                  env(), self(), map(), string(key), hash, value, length, DESERIALIZED_TYPE_BINARY,
+                  owner, revision);
             },
             [&](jobject value, jshort owner, jlong revision) {
-              return insertAndGetNewAndPinWithHashCodeAndStringBB(
-                  env(), self(), map(), string(key), hash, value, owner, revision);
+              return insertAndGetNewAndPinWithHashCodeAndStringBB(env(), self(), map(), string(key),
+                                                                  hash, value, owner, revision);
             });
       case kBuffer:
         return writeBuffer(key, insertAndGetNewAndPinWithHashCode, insertAndGetNewAndPin);
@@ -343,10 +342,9 @@ class MixedActor : public ContractActor {
         return write(
             key,
             [&](jbyteArray value, jint length, jshort owner, jlong revision) {
-              return updateAndGetNewAndPinWithHashCodeStringBA(env(), self(), map(), string(key),
-                                                               hash, value, length,
-                                                               DESERIALIZED_TYPE_BINARY, owner,
-                                                               revision);
+              return updateAndGetNewAndPinWithHashCodeStringBA(
+                  env(), self(), map(), string(key), hash, value, length, DESERIALIZED_TYPE_BINARY,
+                  owner, revision);
             },
             [&](jobject value, jshort owner, jlong revision) {
               return updateAndGetNewAndPinWithHashCodeStringBB(env(), self(), map(), string(key),
@@ -537,8 +535,8 @@ class MixedActor : public ContractActor {
     jlong at = 0;
     for (;;) {
       const bool withKey = thread_.chance(2);
-      at = withKey ? natives::getAndPinNextKeyWithAttributes(env(), self(), map(), at, attributes,
-                                                             kReason)
+      at = withKey   ? natives::getAndPinNextKeyWithAttributes(env(), self(), map(), at, attributes,
+                                                               kReason)
            : at == 0 ? natives::getAndPinFirstInQueue(env(), self(), map(), kReason, JNI_FALSE)
                      : natives::getAndPinNextInQueue(env(), self(), map(), at, kReason, JNI_FALSE);
       if (at == 0) break;

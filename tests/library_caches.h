@@ -12,7 +12,8 @@
 
 namespace nimbra::test::stress {
 
-// ---- A cache of the contract's eviction queues ---------------------------------------------------
+// ---- A cache of the contract's eviction queues
+// ---------------------------------------------------
 
 inline constexpr uint32_t kCachedKeys = 8;
 
@@ -89,8 +90,7 @@ class CacheActor : public ContractActor {
   }
   void enqueue(LuOffHeapValue* made, bool timed) {
     const jobject key = thread_.jni().newDirectBuffer(bufferData(made->key), 4);
-    const jlong record =
-        natives::allocateAndPinEvictionData(env(), self(), 0, key, JNI_TRUE);
+    const jlong record = natives::allocateAndPinEvictionData(env(), self(), 0, key, JNI_TRUE);
     if (thread_.refused() || record == 0) return;  // an entry that nothing evicts
     natives::setExpiration(env(), self(), 0, record, 50);
     natives::setTimeout(env(), self(), record, 5);
@@ -224,7 +224,8 @@ class CacheActor : public ContractActor {
   CachedMap& cache_;
 };
 
-// ---- Bounded maps --------------------------------------------------------------------------------
+// ---- Bounded maps
+// --------------------------------------------------------------------------------
 
 inline constexpr uint32_t kBoundedKeys = 24;
 inline constexpr jlong kBoundedEntries = 16;
@@ -271,8 +272,7 @@ class BoundedActor {
   }
   static jint hashOf(uint32_t number) { return static_cast<jint>((number % 7) * 0x9e3779b9U); }
   static uint32_t numberOf(std::string_view key) {
-    return static_cast<uint32_t>(
-        std::strtoul(std::string(key.substr(4, 8)).c_str(), nullptr, 10));
+    return static_cast<uint32_t>(std::strtoul(std::string(key.substr(4, 8)).c_str(), nullptr, 10));
   }
   static jlong now() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
@@ -281,9 +281,7 @@ class BoundedActor {
   // Some deadlines come soon, some not within the test.
   jlong deadline() { return now() + (thread_.chance(3) ? 50'000 : 3'600'000'000'000); }
   jlong newDeadline() { return thread_.chance(2) ? bounded::kKeep : deadline(); }
-  bounded::Caller caller(const bounded::Partition& partition) {
-    return {thread_.jni(), partition};
-  }
+  bounded::Caller caller(const bounded::Partition& partition) { return {thread_.jni(), partition}; }
   JNIEnv* env() { return thread_.env; }
 
   void put(const bounded::Partition& partition, uint32_t key, bounded::Mode mode) {

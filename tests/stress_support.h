@@ -45,8 +45,8 @@ inline uint64_t testSeed() {
 // How long one stress takes: NIMBRA_STRESS_SECONDS, or two seconds.
 inline std::chrono::milliseconds testTime() {
   const char* seconds = std::getenv("NIMBRA_STRESS_SECONDS");
-  return std::chrono::milliseconds(
-      seconds != nullptr ? std::strtol(seconds, nullptr, 10) * 1000 : 2000);
+  return std::chrono::milliseconds(seconds != nullptr ? std::strtol(seconds, nullptr, 10) * 1000
+                                                      : 2000);
 }
 
 inline uint32_t below(Random& random, uint32_t limit) {
@@ -139,9 +139,9 @@ class Thread {
   bool refused() {
     const std::optional<Thrown> thrown = jni().takePending();
     if (!thrown.has_value()) return false;
-    EXPECT_TRUE(overflow() && (thrown->className == kIllegalState ||
-                               thrown->className == kOutOfMemory ||
-                               thrown->className == kNotEnoughResources))
+    EXPECT_TRUE(overflow() &&
+                (thrown->className == kIllegalState || thrown->className == kOutOfMemory ||
+                 thrown->className == kNotEnoughResources))
         << *thrown;
     EXPECT_EQ(thrown->message.find("lock"), std::string::npos) << thrown->message;
     ++refused_;
@@ -166,9 +166,7 @@ class Thread {
   jobject javaBuffer(ByteBufferHeader* held) {
     return jni().newDirectBuffer(bufferData(held), static_cast<jlong>(held->dataSize));
   }
-  jbyteArray array(std::string_view text) {
-    return jni().newByteArray({text.begin(), text.end()});
-  }
+  jbyteArray array(std::string_view text) { return jni().newByteArray({text.begin(), text.end()}); }
   void unpinRecord(LuOffHeapValue* record, uint32_t reason) {
     natives::unpinLuOffHeapValue_native(env, managerObject, natives::handle(record),
                                         static_cast<jint>(reason));

@@ -54,6 +54,7 @@ public abstract class LinearizableMap {
         options.actorsBefore(2);
         options.actorsAfter(2);
         options.sequentialSpecification(Expected.class);
+        options.minimizeFailedScenario(false);
         try {
             LinChecker.check(operations, options);
         } finally {
