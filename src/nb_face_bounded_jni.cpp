@@ -199,6 +199,7 @@ LuOffHeapValue* takeOut(JNIEnv* env, const Partition& partition, Bound* bound, B
   if (removed == nullptr) return nullptr;
   if (removeFromRevisionQueue(env, partition.map, removed)) {
     if (_isDiskOverflowEnabled) overflow_metadata_splice_out(env, nodeOf(removed), false);
+    forgetUntold(env, removed);
     return removed;
   }
   unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);

@@ -104,7 +104,10 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_remove(JNIEnv* env, jclass, jlon
   LuOffHeapValue* removed =
       removeAndPin(env, nullptr, fromHandle<LuOffHeapMap>(handle), key.object(),
                    OBJECT_TYPE_JBYTE_ARRAY, key.buffer(), hash, true, &outcome);
-  if (removed != nullptr) unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
+  if (removed != nullptr) {
+    forgetUntold(env, removed);
+    unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
+  }
   switch (outcome) {
     case WriteOutcome::done: return 1;
     case WriteOutcome::none: return 0;
