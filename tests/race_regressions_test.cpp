@@ -58,9 +58,9 @@ TEST_F(LastPinElsewhere, UnpinOfAJavaBufferShowsTheCountThatItLeft) {
 }
 
 TEST_F(LastPinElsewhere, UnpinOfAnEvictionRecordShowsTheCountThatItLeft) {
-  ByteBufferHeader* key = buffer("key");
+  ByteBufferHeader* keyBuffer = buffer("key");
   LuOffHeapEvictionData* record = natives::asEvictionData(
-      natives::allocateAndPinEvictionData(env, caller, 0, javaBuffer(key), JNI_FALSE));
+      natives::allocateAndPinEvictionData(env, caller, 0, javaBuffer(keyBuffer), JNI_FALSE));
   ASSERT_NE(record, nullptr);
   pin(env, static_cast<Pinnable*>(record), JNI_GET_PIN);
   setLevels(kDebugLevel);
@@ -68,7 +68,7 @@ TEST_F(LastPinElsewhere, UnpinOfAnEvictionRecordShowsTheCountThatItLeft) {
   EXPECT_EQ(unpinLuOffHeapEvictionData(env, record, JNI_GET_PIN), 1U);
   EXPECT_TRUE(traced("evictData=" + printed(record) + ", refCount=1"));
   setLevels(0);
-  drop(key);
+  drop(keyBuffer);
 }
 
 class DeletionWhileTold : public OverflowTest {};

@@ -3,7 +3,9 @@ package com.velt.rz.corvane.nimbra;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
+import java.util.concurrent.locks.LockSupport;
 import org.jetbrains.kotlinx.lincheck.annotations.Operation;
+import org.junit.jupiter.api.Tag;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.extension.ExtendWith;
 
@@ -11,6 +13,7 @@ import org.junit.jupiter.api.extension.ExtendWith;
  * Every history that threads can see of a map has an order that explains it. A clear goes through the partitions one
  * after the other, so it is part of the histories of maps with one partition only.
  */
+@Tag("lincheck")
 @ExtendWith(LeakCheck.class)
 class LinearizabilityTest {
     private static final int RUNS_AT_LEAST = 1_000;
@@ -56,6 +59,8 @@ class LinearizabilityTest {
             if (containsKey(key)) {
                 return false;
             }
+            // Long enough for the other threads to be between the two steps as well.
+            LockSupport.parkNanos(100_000);
             put(key, value);
             return true;
         }

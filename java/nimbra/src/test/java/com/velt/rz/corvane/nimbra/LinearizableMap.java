@@ -21,7 +21,7 @@ import org.jetbrains.kotlinx.lincheck.strategy.stress.StressOptions;
 @Param(name = "key", gen = IntGen.class, conf = "1:3")
 @Param(name = "value", gen = IntGen.class, conf = "1:9")
 public abstract class LinearizableMap {
-    private static final int RUNS_OF_A_SCENARIO = 400;
+    private static final int RUNS_OF_A_SCENARIO = 200;
 
     private static final AtomicLong RUNS = new AtomicLong();
 
@@ -47,7 +47,7 @@ public abstract class LinearizableMap {
     static long check(Class<? extends LinearizableMap> operations) {
         long before = RUNS.get();
         StressOptions options = new StressOptions();
-        options.iterations(Integer.getInteger("nimbra.lincheck.iterations", 12));
+        options.iterations(Integer.getInteger("nimbra.lincheck.iterations", 8));
         options.invocationsPerIteration(RUNS_OF_A_SCENARIO);
         options.threads(3);
         options.actorsPerThread(3);

@@ -8,7 +8,7 @@ import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.extension.ExtendWith;
 
 /** The same while a thread moves every value to disk all the time. */
-@Tag("overflow")
+@Tag("lincheck")
 @ExtendWith(OverflowRuntime.class)
 class OverflowLinearizabilityTest {
     @Test
