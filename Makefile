@@ -5,7 +5,8 @@
 #   ARGS           passed on to the demo or to the Java benchmarks
 #   JOBS           parallel jobs (default: all cores)
 #   JEMALLOC_ROOT  a ready je-prefixed jemalloc 5, instead of one built from Debian's source
-#   SECONDS, SEED  length and random seed of the stress with values on disk
+#   SECONDS, SEED  length and random seed of a stress
+#   MODE, TEST     jcstress: sanity, quick, default, tough or stress; a pattern of test names
 #   SETUP=no       skips the installation of Debian packages
 
 SHELL := /bin/bash
@@ -18,6 +19,8 @@ MAKEFLAGS += --no-print-directory
 ARGS ?=
 SECONDS ?= 60
 SEED ?=
+MODE ?= quick
+TEST ?= .*
 SETUP ?= yes
 JOBS ?= $(shell nproc)
 JEMALLOC_ROOT ?= $(CURDIR)/build/jemalloc
@@ -71,7 +74,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native stress-overflow demo demo-diagnostics demo-overflow bench bench-stores check format
+.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-stores check format
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -80,9 +83,17 @@ test-native: ## run the native tests only
 test-native: build/debug/build.ninja
 	@tools/test.sh native
 
+stress: ## every native at once under the thread sanitizer for an hour (SECONDS=N, SEED=N)
+stress: build/tsan/build.ninja
+	@tools/stress.sh $(if $(filter command,$(firstword $(origin SECONDS))),$(SECONDS),3600) $(SEED)
+
 stress-overflow: ## use two maps in every way while values go to disk (SECONDS=N, SEED=N)
 stress-overflow: native
 	@tools/stress_overflow.sh $(SECONDS) $(SEED)
+
+jcstress: ## race pairs of Java calls where they meet native memory (MODE=quick, TEST=PATTERN)
+jcstress: native
+	@tools/jcstress.sh '$(MODE)' '$(TEST)'
 
 demo: ## keep every class file of the JDK off heap and check each byte (ARGS="--input DIR")
 demo: java
@@ -104,7 +115,7 @@ bench-stores: ## measure stores for values on disk (ARGS="--values N --rounds N"
 bench-stores: java
 	@tools/bench_stores.sh $(ARGS)
 
-check: ## formatting, clang-tidy, and the native tests under the sanitizers
+check: ## formatting, clang-tidy, the native tests under the sanitizers, and a short stress
 check: setup-check build/debug/build.ninja build/asan/build.ninja build/tsan/build.ninja
 	@tools/check.sh
 

@@ -140,8 +140,9 @@ jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_unpinToFree(JNIEnv* 
   }
   ByteBufferHeader* header = headerOfData(data);
   const int32_t pins = unpin(env, header, javaReason(reason));
-  NB_EVENT(env, "p=%p pins=%d reason=%s", static_cast<void*>(header),
-           static_cast<int>(lockRead(&header->pins)), getReason(javaReason(reason)));
+  // Without this thread's pin the header may be gone, so the count is the one that was left.
+  NB_EVENT(env, "p=%p pins=%d reason=%s", static_cast<void*>(header), pins,
+           getReason(javaReason(reason)));
   if (pins == 0) freeByteBufferData(env, header);
   NB_DEBUG_AS(env, kName, "completed. JavaBB=%p BB=%p", static_cast<void*>(buffer),
               static_cast<void*>(header));

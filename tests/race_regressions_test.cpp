@@ -1,0 +1,97 @@
+// Races that the stress of the whole library has found, each in the one order of steps that shows
+// it every time. Where nothing but a report of the thread sanitizer would show it, the test says
+// so.
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "evictqueue_support.h"
+#include "manager_natives.h"
+#include "overflow_support.h"
+
+namespace nimbra::test {
+namespace {
+
+class LastPinElsewhere : public EvictionQueueTest {
+ protected:
+  // Another holder drops the last pin as soon as the record that begins so is sent.
+  template <typename Drop>
+  void dropWhenTraced(const std::string& beginning, Drop drop) {
+    jni.onRecord([this, beginning, drop](const LogRecord& record) {
+      if (record.text.find(beginning) == std::string::npos) return;
+      jni.onRecord(nullptr);
+      drop();
+    });
+  }
+  bool traced(const std::string& text) const {
+    for (const LogRecord& record : jni.records()) {
+      if (record.text.find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
+  static std::string countOf(const void* header, int pins) {
+    return "p=" + printed(header) + " pins=" + std::to_string(pins);
+  }
+};
+
+// The count that the event shows was read from the header, which was freed by then.
+TEST_F(LastPinElsewhere, UnpinOfABufferShowsTheCountThatItLeft) {
+  ByteBufferHeader* held = buffer("bytes");
+  pin(env, held, JAVA_TRANSIENT_PIN);
+  setLevels(kEventLevel);
+  dropWhenTraced("exit unpin", [&] { unpinToFree(env, held, ALLOCATION_PIN); });
+  EXPECT_EQ(unpinToFree(env, held, JAVA_TRANSIENT_PIN), 1);
+  EXPECT_TRUE(traced(countOf(held, 1)));
+  setLevels(0);
+}
+
+TEST_F(LastPinElsewhere, UnpinOfAJavaBufferShowsTheCountThatItLeft) {
+  ByteBufferHeader* held = buffer("bytes");
+  const jobject java = javaBuffer(held);
+  pin(env, held, JAVA_TRANSIENT_PIN);
+  setLevels(kEventLevel);
+  dropWhenTraced("exit unpin", [&] { unpinToFree(env, held, ALLOCATION_PIN); });
+  EXPECT_TRUE(manager_natives::unpinToFree(env, manager, java, JAVA_TRANSIENT_PIN));
+  EXPECT_TRUE(traced(countOf(held, 1)));
+  setLevels(0);
+}
+
+TEST_F(LastPinElsewhere, UnpinOfAnEvictionRecordShowsTheCountThatItLeft) {
+  ByteBufferHeader* keyBuffer = buffer("key");
+  LuOffHeapEvictionData* record = natives::asEvictionData(
+      natives::allocateAndPinEvictionData(env, caller, 0, javaBuffer(keyBuffer), JNI_FALSE));
+  ASSERT_NE(record, nullptr);
+  pin(env, static_cast<Pinnable*>(record), JNI_GET_PIN);
+  setLevels(kDebugLevel);
+  dropWhenTraced("exit unpin", [&] { unpinLuOffHeapEvictionData(env, record, ALLOCATION_PIN); });
+  EXPECT_EQ(unpinLuOffHeapEvictionData(env, record, JNI_GET_PIN), 1U);
+  EXPECT_TRUE(traced("evictData=" + printed(record) + ", refCount=1"));
+  setLevels(0);
+  drop(keyBuffer);
+}
+
+class DeletionWhileTold : public OverflowTest {};
+
+// Java drops the pin of its copy on disk while it is still being told of the deletion. The flags of
+// the node were read by the one and written by the other; the thread sanitizer reports that.
+TEST_F(DeletionWhileTold, TheReverseMapPinGoesBeforeTheCallbackReturns) {
+  LuOffHeapValue* value = insert("key", "value");
+  ASSERT_NE(value, nullptr);
+  changeFlags(value, on_disk);
+  uint32_t left = 1;
+  std::thread other;
+  calls.onDeleting = [&](ScriptedJni&) {
+    other = std::thread([&left, value] {
+      OverflowThread java;
+      left = unpinLuOffHeapMapValue(java.env, value, JAVA_NOF_REVERSEMAP_PIN);
+    });
+  };
+  EXPECT_TRUE(remove("key"));
+  ASSERT_TRUE(other.joinable());
+  other.join();
+  EXPECT_EQ(left, 0U);
+}
+
+}  // namespace
+}  // namespace nimbra::test
