@@ -6,6 +6,7 @@
 #   JOBS           parallel jobs (default: all cores)
 #   JEMALLOC_ROOT  a ready je-prefixed jemalloc 5, instead of one built from Debian's source
 #   SECONDS, SEED  length and random seed of the stress with values on disk
+#   MINUTES        length of the soak, which takes SEED as well
 #   SETUP=no       skips the installation of Debian packages
 
 SHELL := /bin/bash
@@ -18,6 +19,7 @@ MAKEFLAGS += --no-print-directory
 ARGS ?=
 SECONDS ?= 60
 SEED ?=
+MINUTES ?= 30
 SETUP ?= yes
 JOBS ?= $(shell nproc)
 JEMALLOC_ROOT ?= $(CURDIR)/build/jemalloc
@@ -71,7 +73,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native stress-overflow demo demo-diagnostics demo-overflow bench bench-stores check format
+.PHONY: test test-native stress-overflow soak demo demo-diagnostics demo-overflow bench bench-stores check format
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -83,6 +85,10 @@ test-native: build/debug/build.ninja
 stress-overflow: ## use two maps in every way while values go to disk (SECONDS=N, SEED=N)
 stress-overflow: native
 	@tools/stress_overflow.sh $(SECONDS) $(SEED)
+
+soak: ## use everything for half an hour and compare the end with the start (MINUTES=N, SEED=N)
+soak: native
+	@tools/soak.sh $(MINUTES) $(SEED)
 
 demo: ## keep every class file of the JDK off heap and check each byte (ARGS="--input DIR")
 demo: java
