@@ -7,6 +7,7 @@
 #   JEMALLOC_ROOT  a ready je-prefixed jemalloc 5, instead of one built from Debian's source
 #   SECONDS, SEED  length and random seed of a stress
 #   MODE, TEST     jcstress: sanity, quick, default, tough or stress; a pattern of test names
+#   MINUTES        length of the soak, which takes SEED as well
 #   SETUP=no       skips the installation of Debian packages
 
 SHELL := /bin/bash
@@ -21,6 +22,7 @@ SECONDS ?= 60
 SEED ?=
 MODE ?= quick
 TEST ?= .*
+MINUTES ?= 30
 SETUP ?= yes
 JOBS ?= $(shell nproc)
 JEMALLOC_ROOT ?= $(CURDIR)/build/jemalloc
@@ -74,7 +76,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-stores check format
+.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-stores check format soak
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -94,6 +96,10 @@ stress-overflow: native
 jcstress: ## race pairs of Java calls where they meet native memory (MODE=quick, TEST=PATTERN)
 jcstress: native
 	@tools/jcstress.sh '$(MODE)' '$(TEST)'
+
+soak: ## use everything for half an hour and compare the end with the start (MINUTES=N, SEED=N)
+soak: native
+	@tools/soak.sh $(MINUTES) $(SEED)
 
 demo: ## keep every class file of the JDK off heap and check each byte (ARGS="--input DIR")
 demo: java

@@ -38,4 +38,4 @@ add_library(nimbra_library_flags INTERFACE)
 target_link_libraries(nimbra_library_flags INTERFACE nimbra_flags)
 target_compile_options(nimbra_library_flags INTERFACE
   -fno-exceptions -fno-rtti
-  $<$<CONFIG:Release>:-fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+  $<$<CONFIG:Release>:-fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3>)

@@ -19,6 +19,15 @@ import java.util.Locale;
  * <p>A named file that cannot be loaded is an error at once. The other places are tried in turn, and when all have
  * failed the error names each of them with its reason.
  *
+ * <p>A virtual machine lets only one class loader have a library file. Where a second one loads these classes again, it
+ * gets a copy of its own out of the jar, with limits, maps and figures of its own: together the copies may hold the sum
+ * of their maxima. With {@value #PATH_PROPERTY} there is only the one file, and the second class loader gets an error that says so;
+ * a file in {@code java.library.path} is passed over for the copy in the jar.
+ *
+ * <p>A class loader whose runtime was started is never collected, since native code refers to its classes. One that has
+ * only loaded the library can be; the library's code, less than two megabytes, stays mapped for threads that have been
+ * in it.
+ *
  * <p>Thread safe. After a failure the next call tries again.
  */
 public final class NativeLoader {
