@@ -5,7 +5,7 @@
 #   ARGS           passed on to the demo or to the Java benchmarks
 #   JOBS           parallel jobs (default: all cores)
 #   JEMALLOC_ROOT  a ready je-prefixed jemalloc 5, instead of one built from Debian's source
-#   SECONDS, SEED  length and random seed of the stress with values on disk
+#   SECONDS, SEED  length and random seed of the stress with values on disk; SECONDS also of fuzz
 #   SETUP=no       skips the installation of Debian packages
 
 SHELL := /bin/bash
@@ -71,7 +71,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native stress-overflow demo demo-diagnostics demo-overflow bench bench-stores check format
+.PHONY: test test-native stress-overflow fuzz demo demo-diagnostics demo-overflow bench bench-stores check format
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -83,6 +83,10 @@ test-native: build/debug/build.ninja
 stress-overflow: ## use two maps in every way while values go to disk (SECONDS=N, SEED=N)
 stress-overflow: native
 	@tools/stress_overflow.sh $(SECONDS) $(SEED)
+
+fuzz: ## run every fuzz target for a while (SECONDS=N for each)
+fuzz: setup-check native build/fuzz/build.ninja
+	@tools/fuzz.sh $(SECONDS)
 
 demo: ## keep every class file of the JDK off heap and check each byte (ARGS="--input DIR")
 demo: java
@@ -110,7 +114,7 @@ check: setup-check build/debug/build.ninja build/asan/build.ninja build/tsan/bui
 
 format: ## rewrite the sources as make check wants them
 format: setup-check
-	@clang-format -i $(wildcard src/*.h src/*.cpp tests/*.h tests/*.cpp bench/*.h bench/*.cpp)
+	@clang-format -i $(wildcard src/*.h src/*.cpp tests/*.h tests/*.cpp bench/*.h bench/*.cpp fuzz/*.h fuzz/*.cpp)
 	@tools/mvn.sh spotless:apply
 
 # ---- cleaning -------------------------------------------------------------------------------
