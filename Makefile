@@ -5,7 +5,7 @@
 #   ARGS           passed on to the demo or to the Java benchmarks
 #   JOBS           parallel jobs (default: all cores)
 #   JEMALLOC_ROOT  a ready je-prefixed jemalloc 5, instead of one built from Debian's source
-#   SECONDS, SEED  length and random seed of a stress
+#   SECONDS, SEED  length and random seed of a stress; SECONDS also of fuzz
 #   MODE, TEST     jcstress: sanity, quick, default, tough or stress; a pattern of test names
 #   MINUTES        length of the soak, which takes SEED as well
 #   SETUP=no       skips the installation of Debian packages
@@ -76,7 +76,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-stores check format soak
+.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-stores check format soak fuzz
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -100,6 +100,9 @@ jcstress: native
 soak: ## use everything for half an hour and compare the end with the start (MINUTES=N, SEED=N)
 soak: native
 	@tools/soak.sh $(MINUTES) $(SEED)
+fuzz: ## run every fuzz target for a while (SECONDS=N for each)
+fuzz: setup-check native build/fuzz/build.ninja
+	@tools/fuzz.sh $(SECONDS)
 
 demo: ## keep every class file of the JDK off heap and check each byte (ARGS="--input DIR")
 demo: java
@@ -127,7 +130,7 @@ check: setup-check build/debug/build.ninja build/asan/build.ninja build/tsan/bui
 
 format: ## rewrite the sources as make check wants them
 format: setup-check
-	@clang-format -i $(wildcard src/*.h src/*.cpp tests/*.h tests/*.cpp bench/*.h bench/*.cpp)
+	@clang-format -i $(wildcard src/*.h src/*.cpp tests/*.h tests/*.cpp bench/*.h bench/*.cpp fuzz/*.h fuzz/*.cpp)
 	@tools/mvn.sh spotless:apply
 
 # ---- cleaning -------------------------------------------------------------------------------

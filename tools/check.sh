@@ -16,7 +16,7 @@ part() {
 }
 
 shopt -s nullglob
-cpp_files=({src,tests,bench}/*.{h,cpp})
+cpp_files=({src,tests,bench,fuzz}/*.{h,cpp})
 
 tidy() {
   # The debug tree supplies the compile commands; one process a file, as they are independent.
