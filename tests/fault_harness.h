@@ -50,6 +50,7 @@ class World : public PagingTest {
   using MapTest::javaBuffer;
   using MapTest::makeMap;
   using MapTest::map;
+  using MapTest::removePinned;
   using MapTest::unpinValue;
   using OverflowTest::calls;
   using OverflowTest::changeFlags;
