@@ -115,14 +115,14 @@ using Call = std::function<jlong(World&)>;
 using Release = std::function<void(World&, jlong)>;
 
 struct Case {
-  std::string native;  // class and method, with the parameters where the name is overloaded
-  std::string variant;
+  std::string native = {};  // class and method, with the parameters where the name is overloaded
+  std::string variant = {};
   bool overflow = false;
-  Arrange arrange;
+  Arrange arrange = {};
   // The native's answer as a number: an object is 1, null is 0, nothing is 0.
-  Call call;
+  Call call = {};
   // Gives back what a successful answer holds.
-  Release release;
+  Release release = {};
   // The answer that says "failed"; a native without one shows a failure by its exception at most.
   std::optional<jlong> failure = 0;
   // The same call can be made again in the same world once the fault is gone.

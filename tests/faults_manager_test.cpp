@@ -69,7 +69,7 @@ std::vector<Case> managerCases() {
          return pinJavaByteBuffer(w.env, w.manager, w.object, kReason);
        },
        .release =
-           [](World& w, jlong) { unpinToFree(w.env, headerOfBuffer(w.env, w.object), kReason); }},
+           [](World& w, jlong) { nimbra::unpinToFree(w.env, headerOfBuffer(w.env, w.object), kReason); }},
       {.native = "OffHeapManager.freeAllToOffHeap",
        .arrange =
            [](World& w) {
