@@ -31,6 +31,8 @@ class World : public PagingTest {
   explicit World(bool overflow) : overflow_(overflow) {}
   void TestBody() override {}
   void begin();
+  // Undoes the arrangement's steps.
+  void undo();
   // Gives back all that the arrangement made, and checks that nothing else is left.
   void end();
 
@@ -99,11 +101,14 @@ class World : public PagingTest {
   std::vector<int64_t> words;
   // Pins that the arrangement holds on entries.
   std::map<const LuOffHeapValue*, int> extraPins;
+  // Blocks stay behind on purpose, and their bookkeeping with them.
+  bool keepsMemory = false;
   // More of the state, when the map does not show it.
   std::function<std::string()> more;
 
  private:
   const bool overflow_;
+  int64_t metadata_ = 0;
   std::vector<ByteBufferHeader*> kept_;
   std::vector<jlong> queues_;
   std::vector<jlong> records_;

@@ -49,7 +49,8 @@ std::vector<Case> managerCases() {
        .call =
            [](World& w) -> jlong {
          return initializeOffHeap(w.env, w.manager, kAmpleMaximum, 0, 0, JNI_TRUE);
-       }},
+       },
+       .again = false},
       {.native = "OffHeapManager.getLibraryVersion",
        .call = [](World& w) { return taken(w, getLibraryVersion(w.env, w.manager)); }},
       {.native = "OffHeapManager.getJemallocStats",
@@ -60,8 +61,7 @@ std::vector<Case> managerCases() {
            [](World& w) -> jlong {
          w.other = allocatePhantom(w.env, w.manager, address(w.jni.bufferAddress(w.object)));
          return w.other != nullptr ? 1 : 0;
-       },
-       .release = [](World& w, jlong) { w.jni.dropGlobal(w.other); }},
+       }},
       {.native = "OffHeapManager.pinJavaByteBuffer",
        .arrange = oneBuffer,
        .call =
@@ -74,8 +74,13 @@ std::vector<Case> managerCases() {
        .arrange =
            [](World& w) {
              for (int i = 0; i < 3; ++i) {
-               pin(w.env, headerOfBuffer(w.env, w.object = w.keptBuffer("bytes")), kReason);
-               w.words.push_back(address(w.object));
+               ByteBufferHeader* pinned = w.kept("bytes");
+               pin(w.env, pinned, kReason);
+               w.words.push_back(address(w.javaBuffer(pinned)));
+               // One that was passed over.
+               w.atEnd([&w, pinned] {
+                 if (pinned->pins > 1) unpin(w.env, pinned, kReason);
+               });
              }
            },
        .call =

@@ -62,10 +62,14 @@ void addType(std::vector<Case>& cases, const std::string& type, Number key, Arra
                   .call = withArray(insertArray), .release = releaseInserted});
   addBoth(cases, {.native = prefix + "insertAndGetNewAndPinWith" + type + "BB", .arrange = absent,
                   .call = withBuffer(insertBuffer), .release = releaseInserted});
+  // No search finds a boolean key: such an update finds nothing, whatever else happens.
+  const bool found = type != "Boolean";
+  const Release release = found ? Release(releaseUpdated) : Release();
+  const std::optional<jlong> failure = found ? std::optional<jlong>(0) : std::nullopt;
   addBoth(cases, {.native = prefix + "updateAndGetNewAndPinWith" + type, .arrange = present,
-                  .call = withArray(updateArray), .release = releaseUpdated});
+                  .call = withArray(updateArray), .release = release, .failure = failure});
   addBoth(cases, {.native = prefix + "updateAndGetNewAndPinWith" + type + "BB", .arrange = present,
-                  .call = withBuffer(updateBuffer), .release = releaseUpdated});
+                  .call = withBuffer(updateBuffer), .release = release, .failure = failure});
 }
 
 }  // namespace
