@@ -155,6 +155,7 @@ inline jbyteArray copyFound(JNIEnv* env, const Found& found, jlongArray onDisk) 
   if (found.record == nullptr) return copyAndUnpin(env, found.buffer);
   const jlong handle = toHandle(found.record);
   env->SetLongArrayRegion(onDisk, 0, 1, &handle);
+  if (env->ExceptionCheck()) unpinLuOffHeapMapValue(env, found.record, JNI_GET_PIN);
   return nullptr;
 }
 

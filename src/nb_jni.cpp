@@ -157,6 +157,11 @@ jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_freeAllToOffHeap(JNI
   const jsize count = env->GetArrayLength(buffers);
   for (jsize i = 0; i < count; i++) {
     const LocalRef<jobject> buffer(env, env->GetObjectArrayElement(buffers, i));
+    // A virtual machine need not survive the question for the address of no object.
+    if (!buffer) {
+      if (env->ExceptionCheck()) return JNI_FALSE;
+      continue;
+    }
     Java_com_velt_rz_corvane_io_offheap_OffHeapManager_unpinToFree(
         env, self, buffer.get(), static_cast<jint>(javaReason(reason)));
   }
