@@ -18,9 +18,9 @@ class LastPinElsewhere : public EvictionQueueTest {
   // Another holder drops the last pin as soon as the record that begins so is sent.
   template <typename Drop>
   void dropWhenTraced(const std::string& beginning, Drop drop) {
-    jni.onRecord([this, beginning, drop](const LogRecord& record) {
-      if (record.text.find(beginning) == std::string::npos) return;
-      jni.onRecord(nullptr);
+    jni.onRecord([beginning, drop, done = false](const LogRecord& record) mutable {
+      if (done || record.text.find(beginning) == std::string::npos) return;
+      done = true;
       drop();
     });
   }
