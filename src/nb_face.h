@@ -113,10 +113,15 @@ struct Found {
   jlong revision = 0;
 };
 
+// The entry's revision. A touch by the contract's natives moves it without the bucket set.
+inline jlong revisionOf(const LuOffHeapValue* value) {
+  return __atomic_load_n(&value->revisionNumber, __ATOMIC_RELAXED);
+}
+
 // Pins what the entry has. REQUIRES: the bucket set.
 inline Found pinFound(JNIEnv* env, LuOffHeapValue* value) {
   Found found;
-  found.revision = value->revisionNumber;
+  found.revision = revisionOf(value);
   if (value->value != nullptr) {
     found.buffer = value->value;
     pin(env, found.buffer, JNI_GET_PIN);
@@ -185,7 +190,7 @@ inline void pinForWalk(JNIEnv* env, LuOffHeapValue* value, jlongArray out, jsize
       toHandle(bufferData(value->key)), static_cast<jlong>(value->key->dataSize),
       inMemory ? toHandle(bufferData(found.buffer)) : 0,
       inMemory ? static_cast<jlong>(found.buffer->dataSize) : toHandle(found.record),
-      value->revisionNumber};
+      found.revision};
   env->SetLongArrayRegion(out, index * kScanWords, kScanWords, words);
 }
 

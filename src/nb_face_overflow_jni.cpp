@@ -39,7 +39,7 @@ bool install(JNIEnv* env, LuOffHeapValue* value, ByteBufferHeader* buffer, jlong
   if (lockBucketSetAndNode(env, kTag, value) == 1) return false;
   const overflow_metadata* node = nodeOf(value);
   const bool unchanged = isFlagSet(on_disk, node) && !isFlagSet(in_memory, node) &&
-                         node->chunkPtrOffset == chunkPosition && value->revisionNumber == revision;
+                         node->chunkPtrOffset == chunkPosition && revisionOf(value) == revision;
   if (unchanged) pageIn(env, value, buffer);
   unlockBucketSetAndNode(env, kTag, value);
   return unchanged;
@@ -88,7 +88,7 @@ jint Java_com_velt_rz_corvane_nimbra_OverflowNatives_beginRead(JNIEnv* env, jcla
   if (ByteBufferHeader* buffer = value->value) {
     pin(env, buffer, JNI_GET_PIN);
     const jlong words[] = {toHandle(buffer), toHandle(bufferData(buffer)),
-                           static_cast<jlong>(buffer->dataSize), value->revisionNumber};
+                           static_cast<jlong>(buffer->dataSize), revisionOf(value)};
     unlockBucketSetAndNode(env, "read", value);
     env->SetLongArrayRegion(out, 0, 4, words);
     if (!env->ExceptionCheck()) return kInMemory;
@@ -96,7 +96,7 @@ jint Java_com_velt_rz_corvane_nimbra_OverflowNatives_beginRead(JNIEnv* env, jcla
     return kFailed;
   }
   const jlong words[] = {node->chunkPtrOffset, node->chunkSize, node->nextChunkPtrOffset,
-                         value->revisionNumber};
+                         revisionOf(value)};
   unlockBucketSet(set);
   env->SetLongArrayRegion(out, 0, 4, words);
   if (!env->ExceptionCheck()) return kOnDisk;

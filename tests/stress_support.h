@@ -201,6 +201,11 @@ class Thread {
   jobject managerObject = nullptr;
 
  private:
+  // A touch moves it without the bucket set.
+  static int64_t revisionOf(const LuOffHeapValue* record) {
+    return __atomic_load_n(&record->revisionNumber, __ATOMIC_RELAXED);
+  }
+
   std::string readAsTheFace(LuOffHeapValue* record) {
     const jlong handle = natives::handle(record);
     const jlongArray out = jni().newLongArray(std::vector<jlong>(4));
@@ -229,7 +234,7 @@ class Thread {
     std::string value;
     const jint inMemory = natives::isValueInMemory(env, self, handle);
     jlong position = 0;
-    const int64_t revision = natives::getRevisionNumber(env, self, handle);
+    const int64_t revision = revisionOf(record);
     if (inMemory == 1) {
       value = textOf(record->value);
     } else {
@@ -244,7 +249,7 @@ class Thread {
     EXPECT_NE(natives::lockBucketSetAndMetadata(env, nullptr, handle), 1);
     const overflow_metadata* node = nodeOf(record);
     const bool unchanged = isFlagSet(on_disk, node) && !isFlagSet(in_memory, node) &&
-                           node->chunkPtrOffset == position && record->revisionNumber == revision;
+                           node->chunkPtrOffset == position && revisionOf(record) == revision;
     if (unchanged) {
       natives::valueToLuOffHeapValue(env, nullptr, javaBuffer(made), handle);
       manager_->pageIns++;

@@ -19,8 +19,13 @@ results=build/jcstress
 mkdir -p "$results"
 cd "$results"
 target=$root/java/nimbra-jcstress/target
-# Every state is a map with native memory of its own, so strides are short. Flags of our own would
-# switch the harness's choice of compilers off; the tested flags are put in front of them.
+flags="-Xmx256m -Dnimbra.log.level=0 -Dnimbra.library.path=$root/build/libnimbra.so"
+mode=${1:-quick}
+# The short modes take one kind of virtual machine; the long ones all that the harness knows.
+case $mode in
+  sanity | quick) machines=(-jvmArgs "$flags" -sc false) ;;
+  *) machines=(-jvmArgsPrepend "$flags") ;;
+esac
+# Every state is a map with native memory of its own, so strides are short.
 exec "$java" -cp "$target/classes:$target/modules/*" org.openjdk.jcstress.Main \
-  -m "${1:-quick}" -t "${2:-.*}" -r . -strideSize 16 -strideCount 8 \
-  -jvmArgsPrepend "-Xmx256m -Dnimbra.log.level=0 -Dnimbra.library.path=$root/build/libnimbra.so"
+  -m "$mode" -t "${2:-.*}" -r . -strideSize 16 -strideCount 8 "${machines[@]}"

@@ -30,11 +30,8 @@ final class Values {
     /** A map with the old value in it. */
     static OffHeapMap map() {
         Nimbra.builder().maximumBytes(1L << 30).start();
-        OffHeapMap map = OffHeapMap.builder()
-                .name("raced")
-                .partitions(1)
-                .bucketSets(1)
-                .build();
+        OffHeapMap map =
+                OffHeapMap.builder().name("raced").partitions(1).bucketSets(1).build();
         map.put(KEY, OLD_VALUE);
         return map;
     }
