@@ -7,6 +7,7 @@
 #   JEMALLOC_ROOT  a ready je-prefixed jemalloc 5, instead of one built from Debian's source
 #   SECONDS, SEED  length and random seed of the stress with values on disk
 #   MINUTES        length of the soak, which takes SEED as well
+#   JDKS, COLLECTORS  what test-gc runs on (default: all there are)
 #   SETUP=no       skips the installation of Debian packages
 
 SHELL := /bin/bash
@@ -73,7 +74,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native stress-overflow soak demo demo-diagnostics demo-overflow bench bench-stores check format
+.PHONY: test test-native test-gc stress-overflow soak demo demo-diagnostics demo-overflow bench bench-stores check format
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -81,6 +82,10 @@ test: native build/debug/build.ninja
 test-native: ## run the native tests only
 test-native: build/debug/build.ninja
 	@tools/test.sh native
+
+test-gc: ## run the Java tests on every JDK with every collector, JNI checked (10 to 60 minutes)
+test-gc: native
+	@tools/test_gc.sh
 
 stress-overflow: ## use two maps in every way while values go to disk (SECONDS=N, SEED=N)
 stress-overflow: native
