@@ -8,6 +8,7 @@
 #   SECONDS, SEED  length and random seed of a stress; SECONDS also of fuzz
 #   MODE, TEST     jcstress: sanity, quick, default, tough or stress; a pattern of test names
 #   MINUTES        length of the soak, which takes SEED as well
+#   JDKS, COLLECTORS  what test-gc runs on (default: all there are)
 #   SETUP=no       skips the installation of Debian packages
 
 SHELL := /bin/bash
@@ -76,7 +77,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-stores check format soak fuzz
+.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-stores check format soak fuzz test-gc
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -89,6 +90,10 @@ stress: ## every native at once under the thread sanitizer for an hour (SECONDS=
 stress: build/tsan/build.ninja
 	@tools/stress.sh $(if $(filter command,$(firstword $(origin SECONDS))),$(SECONDS),3600) $(SEED)
 
+test-gc: ## run the Java tests on every JDK with every collector, JNI checked (10 to 60 minutes)
+test-gc: native
+	@tools/test_gc.sh
+
 stress-overflow: ## use two maps in every way while values go to disk (SECONDS=N, SEED=N)
 stress-overflow: native
 	@tools/stress_overflow.sh $(SECONDS) $(SEED)
@@ -100,6 +105,7 @@ jcstress: native
 soak: ## use everything for half an hour and compare the end with the start (MINUTES=N, SEED=N)
 soak: native
 	@tools/soak.sh $(MINUTES) $(SEED)
+
 fuzz: ## run every fuzz target for a while (SECONDS=N for each)
 fuzz: setup-check native build/fuzz/build.ninja
 	@tools/fuzz.sh $(SECONDS)

@@ -3,8 +3,8 @@
 #
 #   tools/soak.sh [MINUTES [SEED]]
 #
-# The heap is fixed and touched beforehand, and glibc keeps few arenas, so that resident memory
-# moves with the native library's memory and with little else.
+# The heap is fixed and touched beforehand, and glibc keeps few arenas and maps larger blocks one
+# by one, so that resident memory moves with the native library's memory and with little else.
 set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -27,7 +27,7 @@ trap 'rm -rf "$work"' EXIT
 cp -r java/nimbra/target/classes java/nimbra/target/test-classes build/libnimbra.so "$work"
 mkdir "$work/values"
 
-export MALLOC_ARENA_MAX=2
+export MALLOC_ARENA_MAX=2 MALLOC_MMAP_THRESHOLD_=16384
 "$java" -Xms256m -Xmx256m -XX:+AlwaysPreTouch -XX:+UseSerialGC -Xcheck:jni \
   -Dnimbra.log.level=0 -Dnimbra.library.path="$work/libnimbra.so" \
   -cp "$work/classes:$work/test-classes" com.velt.rz.corvane.nimbra.Soak \

@@ -13,6 +13,8 @@ import java.util.concurrent.TimeUnit;
 import java.util.logging.LogManager;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
+import javax.management.JMException;
+import javax.management.ObjectName;
 
 /**
  * Uses the whole public face for a long time, with the oracle beside it, prints a line a minute, and compares the end
@@ -285,12 +287,30 @@ final class Soak {
             for (long second = 1; second <= limit; second++) {
                 idling.oneSecond();
                 System.gc(); // direct buffers and the like go now, not later
+                trimCHeap();
                 if (second >= SETTLE_SECONDS && resident() <= wanted) {
                     break;
                 }
             }
         }
         return TimeUnit.NANOSECONDS.toSeconds(System.nanoTime() - begun);
+    }
+
+    /**
+     * Lets the C heap give unused pages back: the compilers of the virtual machine take and leave tens of megabytes
+     * there. What the virtual machine or the library still holds stays.
+     */
+    private static void trimCHeap() {
+        try {
+            ManagementFactory.getPlatformMBeanServer()
+                    .invoke(
+                            new ObjectName("com.sun.management:type=DiagnosticCommand"),
+                            "systemTrimNativeHeap",
+                            new Object[0],
+                            new String[0]);
+        } catch (JMException e) {
+            throw new IllegalStateException("the virtual machine cannot trim the C heap", e);
+        }
     }
 
     private static void say(String format, Object... arguments) {

@@ -13,6 +13,9 @@ import java.util.concurrent.TimeUnit;
 
 /** Runs a main class in a virtual machine of its own and keeps everything that it prints. */
 public final class ChildJvm {
+    /** System property: the garbage collector of all children that do not choose one, as in -XX:+Use...GC. */
+    private static final String COLLECTOR_PROPERTY = "nimbra.test.collector";
+
     private static final long MINUTES = 10;
 
     /** How the child ended, and its standard output and error in one text. */
@@ -32,6 +35,10 @@ public final class ChildJvm {
         List<String> command = new ArrayList<>();
         command.add(Path.of(System.getProperty("java.home"), "bin", "java").toString());
         command.addAll(options);
+        String collector = System.getProperty(COLLECTOR_PROPERTY);
+        if (collector != null && options.stream().noneMatch(option -> option.matches("-XX:\\+Use\\w+GC"))) {
+            command.add("-XX:+Use" + collector + "GC");
+        }
         command.add(mainClass);
         command.addAll(List.of(arguments));
         try {
