@@ -38,6 +38,7 @@ class JavaRepliesRun : public Run<test::hashtable::HashtableTest> {
     defineCallbacks();
     if (input.oneIn(4)) {
       jni.onRecord([this](const test::LogRecord&) {
+        countRecord();
         jni.throwNew("java/lang/RuntimeException", "no room for the record");
       });
     }

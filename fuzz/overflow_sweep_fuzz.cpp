@@ -240,8 +240,10 @@ class OverflowSweepRun : public Run<test::SweepTest> {
   }
 
   void sweep(Input& input) {
+    // A sweep over a few entries goes round the thousand lists once for each.
+    if (++sweeps_ > 12) return;
     Sweep sweep;
-    sweep.limit = 1 + input.below(40);
+    sweep.limit = 1 + input.below(16);
     init(sweep.limit, input.oneIn(2));
     const bool resumes = anchored_ && (anchor_.entry == nullptr ||
                                        (model_.at(anchor_.entry).flags & is_invalid) == 0);
@@ -310,6 +312,7 @@ class OverflowSweepRun : public Run<test::SweepTest> {
   std::map<LuOffHeapValue*, Entry> model_;
   std::map<int, List> lists_;
   int index_ = 0;  // the list that the sweep is in, kept from one to the next
+  int sweeps_ = 0;
   bool anchored_ = false;
   Cursor anchor_;
 };

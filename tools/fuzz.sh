@@ -2,7 +2,8 @@
 # Runs every fuzz target for a while: the native ones under libFuzzer and the sanitizers, then the
 # Java ones under Jazzer.
 #
-#   tools/fuzz.sh SECONDS [TARGET...]    seconds for each target; all targets when none is named
+#   tools/fuzz.sh SECONDS [TARGET...]    seconds for each target; all targets when none is named,
+#                                        "java" names the Java ones together
 #
 # A run begins with the committed inputs and what earlier runs have found. New inputs stay in
 # build/fuzz/corpus, the inputs of failures in build/fuzz/failures. Expects a configured
@@ -61,5 +62,43 @@ if ((${#native[@]} > 0)); then
   export -f fuzz_one
   export seconds found failures logs
   printf '%s\0' "${native[@]}" | xargs -0 -n 1 -P "$jobs" bash -c 'fuzz_one "$1"' _ || outcome=1
+fi
+
+# ---- Java --------------------------------------------------------------------------------------
+
+fuzz_java() {
+  local package=com.velt.rz.corvane class=$1 method=$2
+  local log=$root/$logs/java_$method.log inputs=$root/$found/java_$method
+  local committed=src/test/resources/com/velt/rz/corvane/${class//.//}Inputs/$method
+  mkdir -p "$inputs"
+  if ! java -Xmx512m -Dnimbra.log.level=0 -cp "$classpath" com.code_intelligence.jazzer.Jazzer \
+    --target_class="$package.$class" --target_method="$method" \
+    --instrumentation_includes="$package.**" --reproducer_path="$root/$failures" \
+    -artifact_prefix="$root/$failures/java_$method-" -max_len=2000 \
+    -max_total_time="$seconds" "$inputs" "$committed" >"$log" 2>&1; then
+    tail -n 60 "$log"
+    printf 'FAILED %s, see %s\n' "$method" "$log"
+    return 1
+  fi
+  printf '%-40s %s\n' "$method" \
+    "$(sed -n 's/^#\([0-9]*\).*DONE *\(cov: [0-9]* ft: [0-9]*\).*/\1 inputs, \2/p' "$log")"
+}
+
+if [[ $java == yes ]]; then
+  root=$PWD
+  tools/mvn.sh --projects nimbra,nimbra-fuzz test-compile dependency:build-classpath \
+    -Dmdep.outputFile="$root/build/fuzz/classpath" -Dmdep.includeScope=test
+  classpath=target/test-classes:$(<build/fuzz/classpath)
+  cd java/nimbra-fuzz
+  while read -r class method; do
+    fuzz_java "$class" "$method" </dev/null || outcome=1
+  done <<'EOF'
+nimbra.CodecsFuzzTest decodedObjectsHaveTheSameBytes
+nimbra.CodecsFuzzTest stringsSurviveOrAreRefused
+nimbra.CodecsFuzzTest buffersAreReadBetweenPositionAndLimit
+nimbra.MapOptionsFuzzTest optionsAreCheckedAndMapsWork
+nimbra.overflow.ValueFrameFuzzTest damagedValuesAreNeverRead
+io.offheap.util.LevelFuzzTest readsWhatTheRulesSay
+EOF
 fi
 exit "$outcome"

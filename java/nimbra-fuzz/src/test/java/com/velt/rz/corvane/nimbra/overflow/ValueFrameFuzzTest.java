@@ -11,8 +11,8 @@ import java.nio.ByteBuffer;
 import java.util.Arrays;
 
 /**
- * Whatever happens to a file, a value is read as it was written, or not at all. A changed file may pass only by an equal
- * checksum of 32 bits over other bytes; the changes here are bursts of up to 32 bits, which the checksum always shows.
+ * Whatever happens to a file, a value is read as it was written, or not at all. The changes are bursts of up to 32 bits,
+ * which the checksum always shows, except one in 2^32 of those that reach from the value into the checksum itself.
  */
 class ValueFrameFuzzTest {
     private static final int LONGEST_COPIED = 64 << 10;
