@@ -1,5 +1,6 @@
-// What has to come of a fault, beside the rule: the native fails, nothing has changed, every lock is
-// free, and the fault's own exception, if it has one, is pending. The first row that fits decides.
+// What has to come of a fault, beside the rule: the native fails, nothing has changed, every lock
+// is free, and the fault's own exception, if it has one, is pending. The first row that fits
+// decides.
 //
 // A pattern names cases and faults. A fault is "memory:" (the allocator has nothing left), "limit:"
 // (the maximum is reached) or "afterwards:" (reached by others meanwhile) with the allocation's
@@ -29,6 +30,8 @@ struct OutcomeRow {
   const char* reason;
 };
 inline constexpr OutcomeRow kOutcomes[] = {
+    // Tracing.
+    {"*", "traced throws:*", Outcome::kSucceeds, "a lost record changes nothing"},
     // Memory.
     {"*", "*:Bookmarks", Outcome::kSucceeds, "a query without its bookmark begins at the head"},
     {"LuOffHeapMapImpl_allocateLuOffHeapMap*", "memory:Bucket[[]]", Outcome::kReports,
@@ -58,11 +61,13 @@ inline constexpr OutcomeRow kOutcomes[] = {
      "a logger that cannot be kept is raised as an illegal state"},
     {"OffHeapManager_initializeOffHeap*", "*:GetStaticMethodID#1", Outcome::kReports,
      "a logger without its method is raised as an illegal state"},
-    {"OffHeapManager_initializeOffHeap_WithOverflow*", "*:GetStaticMethodID", Outcome::kFailsQuietly,
+    {"OffHeapManager_initializeOffHeap_WithOverflow*", "*:GetStaticMethodID",
+     Outcome::kFailsQuietly,
      "a start without Java's side of overflow is logged and answered by false"},
     {"OffHeapManager_initializeOffHeap_WithOverflow*", "*:FindClass#[12]", Outcome::kFailsQuietly,
      "a start without Java's side of overflow is logged and answered by false"},
-    {"OffHeapManager_initializeOffHeap_WithOverflow*", "*:NewGlobalRef#[12]", Outcome::kFailsQuietly,
+    {"OffHeapManager_initializeOffHeap_WithOverflow*", "*:NewGlobalRef#[12]",
+     Outcome::kFailsQuietly,
      "a start without Java's side of overflow is logged and answered by false"},
     // The logger.
     {"OffHeapManager_setLogLevel", "*:CallStaticIntMethod", Outcome::kFailsQuietly,

@@ -36,29 +36,31 @@ void dropList(World& w, jobject list) {
 std::vector<Case> evictionCases() {
   std::vector<Case> cases;
   const auto read = [&cases](const char* native, Call call, Arrange arrange = queued) {
-    cases.push_back({.native = native, .arrange = std::move(arrange), .call = std::move(call),
+    cases.push_back({.native = native,
+                     .arrange = std::move(arrange),
+                     .call = std::move(call),
                      .failure = std::nullopt});
   };
 
   // ---- Records
   for (const jboolean counted : {JNI_FALSE, JNI_TRUE}) {
-    cases.push_back(
-        {.native = "LuOffHeapEvictionDataImpl.allocateAndPinEvictionData",
-         .variant = counted == JNI_TRUE ? "Counted" : "",
-         .arrange = [](World& w) { w.object = w.keptBuffer("key"); },
-         .call =
-             [counted](World& w) {
-               return allocateAndPinEvictionData(w.env, nullptr, 0, w.object, counted);
-             },
-         .release = [](World& w, jlong answer) {
-           unpinLuOffHeapEvictionData(w.env, asEvictionData(answer), ALLOCATION_PIN);
-         }});
+    cases.push_back({.native = "LuOffHeapEvictionDataImpl.allocateAndPinEvictionData",
+                     .variant = counted == JNI_TRUE ? "Counted" : "",
+                     .arrange = [](World& w) { w.object = w.keptBuffer("key"); },
+                     .call =
+                         [counted](World& w) {
+                           return allocateAndPinEvictionData(w.env, nullptr, 0, w.object, counted);
+                         },
+                     .release =
+                         [](World& w, jlong answer) {
+                           unpinLuOffHeapEvictionData(w.env, asEvictionData(answer),
+                                                      ALLOCATION_PIN);
+                         }});
   }
-  cases.push_back({.native = "LuOffHeapEvictionDataImpl.getEvictionKey",
-                   .arrange = queued,
-                   .call = [](World& w) {
-                     return taken(w, getEvictionKey(w.env, nullptr, 0, w.record));
-                   }});
+  cases.push_back(
+      {.native = "LuOffHeapEvictionDataImpl.getEvictionKey",
+       .arrange = queued,
+       .call = [](World& w) { return taken(w, getEvictionKey(w.env, nullptr, 0, w.record)); }});
   read("LuOffHeapEvictionDataImpl.setMetadata",
        [](World& w) -> jlong { return setMetadata(w.env, nullptr, 0, w.record, 5); });
   read("LuOffHeapEvictionDataImpl.getMetadata",
@@ -78,8 +80,7 @@ std::vector<Case> evictionCases() {
     addBoth(cases, {.native = "OffHeapManager.setEvictionData_native",
                     .variant = variant,
                     .arrange = withEntry,
-                    .call =
-                        [timed](World& w) -> jlong {
+                    .call = [timed](World& w) -> jlong {
                       return setEvictionData_native(w.env, w.manager, address(w.entry), w.record,
                                                     timed);
                     },
@@ -103,34 +104,31 @@ std::vector<Case> evictionCases() {
   }
   cases.push_back({.native = "OffHeapManager.pinLuEvictionData_native",
                    .arrange = queued,
-                   .call =
-                       [](World& w) -> jlong {
+                   .call = [](World& w) -> jlong {
                      return pinLuEvictionData_native(w.env, w.manager, w.record, 1);
                    },
-                   .release = [](World& w, jlong) {
-                     unpinLuOffHeapEvictionData(w.env, asEvictionData(w.record), JNI_GET_PIN);
-                   }});
+                   .release =
+                       [](World& w, jlong) {
+                         unpinLuOffHeapEvictionData(w.env, asEvictionData(w.record), JNI_GET_PIN);
+                       }});
   read(
       "OffHeapManager.unpinLuEvictionData_native",
-      [](World& w) -> jlong {
-        return unpinLuEvictionData_native(w.env, w.manager, w.record, 1);
-      },
+      [](World& w) -> jlong { return unpinLuEvictionData_native(w.env, w.manager, w.record, 1); },
       [](World& w) {
         queued(w);
         pinLuEvictionData_native(w.env, w.manager, w.record, 1);
       });
 
   // ---- Queues
-  cases.push_back({.native = "LuOffHeapEvictionQueue.allocateQueue",
-                   .call = [](World& w) { return allocateEvictionQueue(w.env, nullptr); },
-                   .release = [](World& w, jlong answer) {
-                     EXPECT_TRUE(freeEvictionQueue(w.env, nullptr, answer));
-                   }});
-  cases.push_back({.native = "LuOffHeapEvictionQueue.clearQueue",
-                   .arrange = queued,
-                   .call = [](World& w) -> jlong {
-                     return clearEvictionQueue(w.env, nullptr, w.queue);
-                   }});
+  cases.push_back(
+      {.native = "LuOffHeapEvictionQueue.allocateQueue",
+       .call = [](World& w) { return allocateEvictionQueue(w.env, nullptr); },
+       .release = [](World& w,
+                     jlong answer) { EXPECT_TRUE(freeEvictionQueue(w.env, nullptr, answer)); }});
+  cases.push_back(
+      {.native = "LuOffHeapEvictionQueue.clearQueue",
+       .arrange = queued,
+       .call = [](World& w) -> jlong { return clearEvictionQueue(w.env, nullptr, w.queue); }});
   cases.push_back({.native = "LuOffHeapEvictionQueue.freeQueue",
                    .arrange = queued,
                    .call = [](World& w) -> jlong {
@@ -140,8 +138,7 @@ std::vector<Case> evictionCases() {
                    }});
   cases.push_back({.native = "LuOffHeapEvictionQueue.remove",
                    .arrange = queued,
-                   .call =
-                       [](World& w) -> jlong {
+                   .call = [](World& w) -> jlong {
                      return removeFromEvictionQueue(w.env, nullptr, w.queue, w.number);
                    },
                    .failure = -1,
@@ -154,67 +151,53 @@ std::vector<Case> evictionCases() {
                          queued(w);
                          w.other = w.longs(2);
                        },
-                   .call =
-                       [](World& w) -> jlong {
+                   .call = [](World& w) -> jlong {
                      return getEvictionList(w.env, nullptr, w.queue,
                                             static_cast<jlongArray>(w.other));
                    },
                    .release = [](World& w, jlong) { dropList(w, w.other); }});
-  cases.push_back({.native = "LuOffHeapLRUEvictionQueue.insertLRU",
-                   .arrange = queued,
-                   .call =
-                       [](World& w) -> jlong {
-                     return insertLRU(w.env, nullptr, w.queue, w.record);
-                   },
-                   .failure = -1,
-                   .again = false});
-  cases.push_back({.native = "LuOffHeapLRUEvictionQueue.updateLRU",
-                   .arrange = queued,
-                   .call = [](World& w) -> jlong {
-                     return updateLRU(w.env, nullptr, w.queue, w.number);
-                   }});
-  cases.push_back({.native = "LuOffHeapLFUEvictionQueue.insertLFU",
-                   .arrange = queued,
-                   .call =
-                       [](World& w) -> jlong {
-                     return insertLFU(w.env, nullptr, w.queue, w.record);
-                   },
-                   .failure = -1,
-                   .again = false});
-  cases.push_back({.native = "LuOffHeapLFUEvictionQueue.updateLFU",
-                   .arrange = queued,
-                   .call = [](World& w) -> jlong {
-                     return updateLFU(w.env, nullptr, w.queue, w.number);
-                   }});
-  cases.push_back({.native = "LuOffHeapTTLEvictionQueue.insertTTL",
-                   .arrange = queued,
-                   .call =
-                       [](World& w) -> jlong {
-                     return insertTTL(w.env, nullptr, w.queue, w.record, 15);
-                   },
-                   .failure = -1,
-                   .again = false});
-  cases.push_back({.native = "LuOffHeapTTLEvictionQueue.updateTTL",
-                   .arrange = queued,
-                   .call = [](World& w) -> jlong {
-                     return updateTTL(w.env, nullptr, w.queue, w.number, 50);
-                   }});
+  cases.push_back(
+      {.native = "LuOffHeapLRUEvictionQueue.insertLRU",
+       .arrange = queued,
+       .call = [](World& w) -> jlong { return insertLRU(w.env, nullptr, w.queue, w.record); },
+       .failure = -1,
+       .again = false});
+  cases.push_back(
+      {.native = "LuOffHeapLRUEvictionQueue.updateLRU",
+       .arrange = queued,
+       .call = [](World& w) -> jlong { return updateLRU(w.env, nullptr, w.queue, w.number); }});
+  cases.push_back(
+      {.native = "LuOffHeapLFUEvictionQueue.insertLFU",
+       .arrange = queued,
+       .call = [](World& w) -> jlong { return insertLFU(w.env, nullptr, w.queue, w.record); },
+       .failure = -1,
+       .again = false});
+  cases.push_back(
+      {.native = "LuOffHeapLFUEvictionQueue.updateLFU",
+       .arrange = queued,
+       .call = [](World& w) -> jlong { return updateLFU(w.env, nullptr, w.queue, w.number); }});
+  cases.push_back(
+      {.native = "LuOffHeapTTLEvictionQueue.insertTTL",
+       .arrange = queued,
+       .call = [](World& w) -> jlong { return insertTTL(w.env, nullptr, w.queue, w.record, 15); },
+       .failure = -1,
+       .again = false});
+  cases.push_back(
+      {.native = "LuOffHeapTTLEvictionQueue.updateTTL",
+       .arrange = queued,
+       .call = [](World& w) -> jlong { return updateTTL(w.env, nullptr, w.queue, w.number, 50); }});
   read("LuOffHeapTTLEvictionQueue.getMinimumTime",
        [](World& w) { return getMinimumTime(w.env, nullptr, w.queue); });
-  cases.push_back({.native = "LuOffHeapTTLEvictionQueue.getTTLEvictionList",
-                   .arrange = queued,
-                   .call =
-                       [](World& w) {
-                         return taken(w, getTTLEvictionList(w.env, nullptr, w.queue, 25));
-                       },
-                   .release = [](World& w, jlong) { dropList(w, w.object); }});
-  cases.push_back({.native = "LuOffHeapVoskaEvictionQueue.getEvictionList",
-                   .arrange = queued,
-                   .call =
-                       [](World& w) {
-                         return taken(w, getVoskaEvictionList(w.env, nullptr, w.queue, 25));
-                       },
-                   .release = [](World& w, jlong) { dropList(w, w.object); }});
+  cases.push_back(
+      {.native = "LuOffHeapTTLEvictionQueue.getTTLEvictionList",
+       .arrange = queued,
+       .call = [](World& w) { return taken(w, getTTLEvictionList(w.env, nullptr, w.queue, 25)); },
+       .release = [](World& w, jlong) { dropList(w, w.object); }});
+  cases.push_back(
+      {.native = "LuOffHeapVoskaEvictionQueue.getEvictionList",
+       .arrange = queued,
+       .call = [](World& w) { return taken(w, getVoskaEvictionList(w.env, nullptr, w.queue, 25)); },
+       .release = [](World& w, jlong) { dropList(w, w.object); }});
   return cases;
 }
 

@@ -20,9 +20,9 @@ std::string longer(std::string_view key) { return std::string(key) + std::string
 
 void putEntry(World& w, int list, std::string_view key, std::string_view value, jlong revision) {
   w.nextList(list);
-  ASSERT_EQ(face::put(w.env, nullptr, w.handle(), w.array(key), hash(kHere), w.array(value),
-                      revision),
-            1);
+  ASSERT_EQ(
+      face::put(w.env, nullptr, w.handle(), w.array(key), hash(kHere), w.array(value), revision),
+      1);
 }
 
 // All in one bucket.
@@ -50,8 +50,7 @@ void addPlain(std::vector<Case>& cases) {
     addBoth(cases, {.native = native,
                     .variant = variant,
                     .arrange = filled,
-                    .call =
-                        [operation, key](World& w) -> jlong {
+                    .call = [operation, key](World& w) -> jlong {
                       return operation(w.env, nullptr, w.handle(), w.array(key), hash(kHere),
                                        w.array("new value"), kRevision);
                     },
@@ -71,23 +70,30 @@ void addPlain(std::vector<Case>& cases) {
   for (const bool isLong : {false, true}) {
     const std::string key = isLong ? longer(kHere) : std::string(kHere);
     const char* variant = isLong ? "Long" : "";
-    addBoth(cases, {.native = "MapNatives.get", .variant = variant, .arrange = filled,
+    addBoth(cases, {.native = "MapNatives.get",
+                    .variant = variant,
+                    .arrange = filled,
                     .call = [key](World& w) {
                       return taken(w, face::get(w.env, nullptr, w.handle(), w.array(key),
                                                 hash(kHere), w.longs(1)));
                     }});
-    addBoth(cases, {.native = "MapNatives.remove", .variant = variant, .arrange = filled,
-                    .call =
-                        [key](World& w) -> jlong {
+    addBoth(cases, {.native = "MapNatives.remove",
+                    .variant = variant,
+                    .arrange = filled,
+                    .call = [key](World& w) -> jlong {
                       return face::remove(w.env, nullptr, w.handle(), w.array(key), hash(kHere));
                     },
                     .failure = -1});
-    addBoth(cases, {.native = "MapNatives.containsKey", .variant = variant, .arrange = filled,
+    addBoth(cases, {.native = "MapNatives.containsKey",
+                    .variant = variant,
+                    .arrange = filled,
                     .call = [key](World& w) -> jlong {
                       return face::containsKey(w.env, nullptr, w.handle(), w.array(key),
                                                hash(kHere));
                     }});
-    addBoth(cases, {.native = "MapNatives.pin", .variant = variant, .arrange = filled,
+    addBoth(cases, {.native = "MapNatives.pin",
+                    .variant = variant,
+                    .arrange = filled,
                     .call =
                         [key](World& w) {
                           return face::pin(w.env, nullptr, w.handle(), w.array(key), hash(kHere),
@@ -95,27 +101,26 @@ void addPlain(std::vector<Case>& cases) {
                         },
                     .release = releaseBuffer});
   }
-  cases.push_back({.native = "MapNatives.get", .variant = "OnDisk", .overflow = true,
-                   .arrange = paged,
-                   .call =
-                       [](World& w) -> jlong {
-                     const jlongArray out = w.longs(1);
-                     EXPECT_EQ(face::get(w.env, nullptr, w.handle(), w.array(kHere), hash(kHere),
-                                         out),
-                               nullptr);
-                     return w.jni.longsOf(out)[0];
-                   },
-                   .release = [](World& w, jlong answer) {
-                     w.unpinValue(natives::asValue(answer), JNI_GET_PIN);
-                   }});
+  cases.push_back(
+      {.native = "MapNatives.get",
+       .variant = "OnDisk",
+       .overflow = true,
+       .arrange = paged,
+       .call = [](World& w) -> jlong {
+         const jlongArray out = w.longs(1);
+         EXPECT_EQ(face::get(w.env, nullptr, w.handle(), w.array(kHere), hash(kHere), out),
+                   nullptr);
+         return w.jni.longsOf(out)[0];
+       },
+       .release = [](World& w,
+                     jlong answer) { w.unpinValue(natives::asValue(answer), JNI_GET_PIN); }});
   addBoth(cases, {.native = "MapNatives.unpin",
                   .arrange =
                       [](World& w) {
                         filled(w);
                         pin(w.env, w.entry->value, JNI_GET_PIN);
                       },
-                  .call =
-                      [](World& w) -> jlong {
+                  .call = [](World& w) -> jlong {
                     face::unpin(w.env, nullptr, address(w.entry->value));
                     return 0;
                   },
@@ -139,8 +144,7 @@ void addPlain(std::vector<Case>& cases) {
                         filled(w);
                         w.number = scan(w);
                       },
-                  .call =
-                      [](World& w) -> jlong {
+                  .call = [](World& w) -> jlong {
                     face::unpinAll(w.env, nullptr, static_cast<jlongArray>(w.other), 0,
                                    static_cast<jint>(w.number));
                     return 0;
@@ -193,22 +197,22 @@ void boundExpired(World& w) {
 }
 
 void addBounded(std::vector<Case>& cases) {
-  cases.push_back({.native = "BoundedNatives.allocateBound",
-                   .call = [](World& w) { return bounded::allocateBound(w.env, nullptr, 100, 9); },
-                   .release =
-                       [](World& w, jlong answer) { bounded::freeBound(w.env, nullptr, answer); }});
-  cases.push_back({.native = "BoundedNatives.freeBound",
-                   .arrange = [](World& w) {
-                     w.record = bounded::allocateBound(w.env, nullptr, 100, 9);
-                   },
-                   .call =
-                       [](World& w) -> jlong {
-                     bounded::freeBound(w.env, nullptr, w.record);
-                     return 1;
-                   },
-                   .failure = std::nullopt});
+  cases.push_back(
+      {.native = "BoundedNatives.allocateBound",
+       .call = [](World& w) { return bounded::allocateBound(w.env, nullptr, 100, 9); },
+       .release = [](World& w, jlong answer) { bounded::freeBound(w.env, nullptr, answer); }});
+  cases.push_back(
+      {.native = "BoundedNatives.freeBound",
+       .arrange = [](World& w) { w.record = bounded::allocateBound(w.env, nullptr, 100, 9); },
+       .call = [](World& w) -> jlong {
+         bounded::freeBound(w.env, nullptr, w.record);
+         return 1;
+       },
+       .failure = std::nullopt});
   const auto read = [&cases](const char* native, Call call) {
-    addBoth(cases, {.native = native, .arrange = boundFilled, .call = std::move(call),
+    addBoth(cases, {.native = native,
+                    .arrange = boundFilled,
+                    .call = std::move(call),
                     .failure = std::nullopt});
   };
   read("BoundedNatives.bytes", [](World& w) { return bounded::bytes(w.env, nullptr, w.record); });
@@ -216,13 +220,12 @@ void addBounded(std::vector<Case>& cases) {
        [](World& w) { return bounded::entries(w.env, nullptr, w.record); });
   const auto put = [&cases](const char* variant, Arrange arrange, const std::string& key,
                             jint mode) {
-    addBoth(cases, {.native = "BoundedNatives.put",
-                    .variant = variant,
-                    .arrange = std::move(arrange),
-                    .call = [key, mode](World& w) {
-                      return putBounded(w, key, "new value", 6000, mode);
-                    },
-                    .failure = -1});
+    addBoth(cases,
+            {.native = "BoundedNatives.put",
+             .variant = variant,
+             .arrange = std::move(arrange),
+             .call = [key, mode](World& w) { return putBounded(w, key, "new value", 6000, mode); },
+             .failure = -1});
   };
   put("New", boundFilled, std::string(kNew), bounded::kPut);
   put("NewLong", boundFilled, longer(kNew), bounded::kPut);
@@ -235,13 +238,17 @@ void addBounded(std::vector<Case>& cases) {
   for (const bool isLong : {false, true}) {
     const std::string key = isLong ? longer(kHere) : std::string(kHere);
     const char* variant = isLong ? "Long" : "";
-    addBoth(cases, {.native = "BoundedNatives.get", .variant = variant, .arrange = boundFilled,
+    addBoth(cases, {.native = "BoundedNatives.get",
+                    .variant = variant,
+                    .arrange = boundFilled,
                     .call = [key](World& w) {
                       return taken(w, bounded::get(w.env, nullptr, w.handle(), w.queue,
                                                    bounded::kLru, w.number, w.array(key),
                                                    hash(kHere), kNow, 7000, w.longs(1)));
                     }});
-    addBoth(cases, {.native = "BoundedNatives.pin", .variant = variant, .arrange = boundFilled,
+    addBoth(cases, {.native = "BoundedNatives.pin",
+                    .variant = variant,
+                    .arrange = boundFilled,
                     .call =
                         [key](World& w) {
                           return bounded::pin(w.env, nullptr, w.handle(), w.queue, bounded::kLru,
@@ -249,15 +256,17 @@ void addBounded(std::vector<Case>& cases) {
                                               w.longs(3));
                         },
                     .release = releaseBuffer});
-    addBoth(cases, {.native = "BoundedNatives.containsKey", .variant = variant,
+    addBoth(cases, {.native = "BoundedNatives.containsKey",
+                    .variant = variant,
                     .arrange = boundFilled,
                     .call = [key](World& w) -> jlong {
                       return bounded::containsKey(w.env, nullptr, w.handle(), w.array(key),
                                                   hash(kHere), kNow);
                     }});
-    addBoth(cases, {.native = "BoundedNatives.remove", .variant = variant, .arrange = boundFilled,
-                    .call =
-                        [key](World& w) -> jlong {
+    addBoth(cases, {.native = "BoundedNatives.remove",
+                    .variant = variant,
+                    .arrange = boundFilled,
+                    .call = [key](World& w) -> jlong {
                       return bounded::remove(w.env, nullptr, w.handle(), w.record, w.queue,
                                              w.number, w.array(key), hash(kHere), kNow);
                     },
@@ -267,21 +276,21 @@ void addBounded(std::vector<Case>& cases) {
     addBoth(cases, {.native = "BoundedNatives.evict",
                     .variant = timed == JNI_TRUE ? "ByDeadline" : "",
                     .arrange = boundFilled,
-                    .call =
-                        [timed](World& w) -> jlong {
+                    .call = [timed](World& w) -> jlong {
                       w.other = w.longs(5 * 4);
                       return bounded::evict(w.env, nullptr, w.handle(), w.record, w.queue, w.number,
                                             2, timed, 9000, static_cast<jlongArray>(w.other));
                     },
-                    .release = [](World& w, jlong answer) {
-                      face::unpinAll(w.env, nullptr, static_cast<jlongArray>(w.other), 0,
-                                     static_cast<jint>(answer));
-                    }});
+                    .release =
+                        [](World& w, jlong answer) {
+                          face::unpinAll(w.env, nullptr, static_cast<jlongArray>(w.other), 0,
+                                         static_cast<jint>(answer));
+                        }});
   }
-  addBoth(cases, {.native = "BoundedNatives.clear", .arrange = boundFilled,
-                  .call = [](World& w) -> jlong {
-                    return bounded::clear(w.env, nullptr, w.handle(), w.record, w.queue, w.number);
-                  }});
+  addBoth(cases,
+          {.native = "BoundedNatives.clear", .arrange = boundFilled, .call = [](World& w) -> jlong {
+             return bounded::clear(w.env, nullptr, w.handle(), w.record, w.queue, w.number);
+           }});
   const Call query = [](World& w) -> jlong {
     bounded::query(w.env, nullptr, w.handle(), w.object, 1, 0, 9);
     return w.words[0];
@@ -297,7 +306,9 @@ void addBounded(std::vector<Case>& cases) {
       bounded::releaseQueried(w.env, nullptr, at[0], at[1], at[3]);
     }
   };
-  addBoth(cases, {.native = "BoundedNatives.query", .arrange = queried, .call = query,
+  addBoth(cases, {.native = "BoundedNatives.query",
+                  .arrange = queried,
+                  .call = query,
                   .release = [releaseFrom](World& w, jlong answer) { releaseFrom(w, 0, answer); }});
   addBoth(cases, {.native = "BoundedNatives.releaseQueried",
                   .arrange =
@@ -306,8 +317,7 @@ void addBounded(std::vector<Case>& cases) {
                         w.number = query(w);
                         ASSERT_GT(w.number, 0);
                       },
-                  .call =
-                      [releaseFrom](World& w) -> jlong {
+                  .call = [releaseFrom](World& w) -> jlong {
                     releaseFrom(w, 0, w.number);
                     return 0;
                   },
@@ -343,9 +353,13 @@ void recordPinned(World& w) {
 void addManager(std::vector<Case>& cases) {
   const auto on = [&cases](const char* native, const char* variant, Arrange arrange, Call call,
                            Release release, std::optional<jlong> failure) {
-    cases.push_back({.native = native, .variant = variant, .overflow = true,
-                     .arrange = std::move(arrange), .call = std::move(call),
-                     .release = std::move(release), .failure = failure});
+    cases.push_back({.native = native,
+                     .variant = variant,
+                     .overflow = true,
+                     .arrange = std::move(arrange),
+                     .call = std::move(call),
+                     .release = std::move(release),
+                     .failure = failure});
   };
   on(
       "OverflowNatives.nextEvictable", "", sweeping,

@@ -12,7 +12,9 @@ using namespace manager_natives;
 constexpr jint kReason = 4;  // Java's, for pins of buffers
 
 Case reads(const char* native, Call call, Arrange arrange = nullptr) {
-  return {.native = native, .arrange = std::move(arrange), .call = std::move(call),
+  return {.native = native,
+          .arrange = std::move(arrange),
+          .call = std::move(call),
           .failure = std::nullopt};
 }
 
@@ -23,8 +25,7 @@ void oneBuffer(World& world) { world.object = world.keptBuffer("some bytes"); }
 std::vector<Case> managerCases() {
   std::vector<Case> cases = {
       {.native = "OffHeapManager.initializeOffHeap",
-       .call =
-           [](World& w) -> jlong {
+       .call = [](World& w) -> jlong {
          return initializeOffHeap(w.env, w.manager, kAmpleMaximum, 0, 0, JNI_FALSE);
        }},
       {.native = "OffHeapManager.initializeOffHeap",
@@ -34,8 +35,7 @@ std::vector<Case> managerCases() {
              w.jni.dropGlobal(offheap_logger_class.load());
              trace_initialized = false;
            },
-       .call =
-           [](World& w) -> jlong {
+       .call = [](World& w) -> jlong {
          return initializeOffHeap(w.env, w.manager, kAmpleMaximum, 0, 0, JNI_FALSE);
        }},
       {.native = "OffHeapManager.initializeOffHeap",
@@ -46,8 +46,7 @@ std::vector<Case> managerCases() {
              w.clearMap(w.map);
              forgetOverflow(w.env, w.jni);
            },
-       .call =
-           [](World& w) -> jlong {
+       .call = [](World& w) -> jlong {
          return initializeOffHeap(w.env, w.manager, kAmpleMaximum, 0, 0, JNI_TRUE);
        },
        .again = false},
@@ -57,19 +56,19 @@ std::vector<Case> managerCases() {
        .call = [](World& w) { return taken(w, getJemallocStats(w.env, w.manager)); }},
       {.native = "OffHeapManager.allocatePhantom",
        .arrange = oneBuffer,
-       .call =
-           [](World& w) -> jlong {
+       .call = [](World& w) -> jlong {
          w.other = allocatePhantom(w.env, w.manager, address(w.jni.bufferAddress(w.object)));
          return w.other != nullptr ? 1 : 0;
        }},
       {.native = "OffHeapManager.pinJavaByteBuffer",
        .arrange = oneBuffer,
-       .call =
-           [](World& w) -> jlong {
+       .call = [](World& w) -> jlong {
          return pinJavaByteBuffer(w.env, w.manager, w.object, kReason);
        },
        .release =
-           [](World& w, jlong) { nimbra::unpinToFree(w.env, headerOfBuffer(w.env, w.object), kReason); }},
+           [](World& w, jlong) {
+             nimbra::unpinToFree(w.env, headerOfBuffer(w.env, w.object), kReason);
+           }},
       {.native = "OffHeapManager.freeAllToOffHeap",
        .arrange =
            [](World& w) {
@@ -83,8 +82,7 @@ std::vector<Case> managerCases() {
                });
              }
            },
-       .call =
-           [](World& w) -> jlong {
+       .call = [](World& w) -> jlong {
          std::vector<jobject> elements;
          for (const int64_t each : w.words) {
            elements.push_back(reinterpret_cast<jobject>(static_cast<intptr_t>(each)));
@@ -119,18 +117,16 @@ std::vector<Case> managerCases() {
                          oneBuffer(w);
                          pin(w.env, headerOfBuffer(w.env, w.object), kReason);
                        },
-                   .call =
-                       [](World& w) -> jlong {
+                   .call = [](World& w) -> jlong {
                      return manager_natives::unpinToFree(w.env, w.manager, w.object, kReason);
                    }});
   cases.push_back({.native = "OffHeapManager.freeDirectInternal",
                    .arrange =
                        [](World& w) {
-                         w.object = w.jni.adopt(
-                             allocateDirectFromOffHeap(w.env, w.manager, 64, 0, 3));
+                         w.object =
+                             w.jni.adopt(allocateDirectFromOffHeap(w.env, w.manager, 64, 0, 3));
                        },
-                   .call =
-                       [](World& w) -> jlong {
+                   .call = [](World& w) -> jlong {
                      const int64_t blocks = Books::now().blocks;
                      manager_natives::freeDirectInternal(w.env, w.manager, w.object);
                      return blocks - Books::now().blocks;
@@ -145,8 +141,7 @@ std::vector<Case> managerCases() {
                            return std::string(bytes.begin(), bytes.end());
                          };
                        },
-                   .call =
-                       [](World& w) -> jlong {
+                   .call = [](World& w) -> jlong {
                      copyByteBufferToByteArray(w.env, w.manager, w.object,
                                                static_cast<jbyteArray>(w.other), 10);
                      return 0;
@@ -162,8 +157,7 @@ std::vector<Case> managerCases() {
                            return std::to_string(std::hash<std::u16string>()(units));
                          };
                        },
-                   .call =
-                       [](World& w) -> jlong {
+                   .call = [](World& w) -> jlong {
                      manager_natives::getChars(w.env, w.manager, w.object, 0, 0, 0,
                                                static_cast<jcharArray>(w.other), 5);
                      return 0;
@@ -172,8 +166,7 @@ std::vector<Case> managerCases() {
   for (const bool counting : {false, true}) {
     cases.push_back({.native = "OffHeapManager.setInternalTracking",
                      .variant = counting ? "On" : "Off",
-                     .call =
-                         [counting](World& w) -> jlong {
+                     .call = [counting](World& w) -> jlong {
                        setInternalTracking(w.env, w.manager, counting ? JNI_TRUE : JNI_FALSE);
                        return 0;
                      },
@@ -185,8 +178,7 @@ std::vector<Case> managerCases() {
                          w.jni.setLevelWord(kErrorLevel);
                          w.more = [] { return std::to_string(logInfo.error); };
                        },
-                   .call =
-                       [](World& w) -> jlong {
+                   .call = [](World& w) -> jlong {
                      setLogLevel(w.env, w.manager);
                      return 0;
                    },
@@ -201,16 +193,14 @@ std::vector<Case> managerCases() {
                            reportPins(w.env);  // discards what was recorded
                          });
                        },
-                   .call =
-                       [](World& w) -> jlong {
+                   .call = [](World& w) -> jlong {
                      Java_com_velt_rz_corvane_io_offheap_OffHeapManager_pinTrack(w.env, w.manager);
                      return 0;
                    },
                    .failure = std::nullopt});
   cases.push_back({.native = "OffHeapManager.printProfileStats",
                    .arrange = [](World& w) { w.setLevels(kInfoLevel); },
-                   .call =
-                       [](World& w) -> jlong {
+                   .call = [](World& w) -> jlong {
                      Java_com_velt_rz_corvane_io_offheap_OffHeapManager_printProfileStats(
                          w.env, w.manager);
                      return 0;
@@ -244,32 +234,39 @@ std::vector<Case> managerCases() {
             [](World& w) -> jlong { return natives::getSize_LuValue(w.env, w.manager); }),
       reads("OffHeapManager.getSize_PerEntryMetadata",
             [](World& w) -> jlong { return natives::getSize_PerEntryMetadata(w.env, w.manager); }),
-      reads("OffHeapManager.getReferenceCountImpl(long)",
-            [](World& w) { return getReferenceCountOfAddress(w.env, w.manager, w.number); },
-            [](World& w) { w.number = address(w.kept("bytes")); }),
-      reads("OffHeapManager.getReferenceCountImpl(ByteBuffer)",
-            [](World& w) { return getReferenceCountOfBuffer(w.env, w.manager, w.object); },
-            oneBuffer),
-      reads("OffHeapManager.getOffHeapAddressImpl",
-            [](World& w) -> jlong {
-              return getOffHeapAddressImpl(w.env, w.manager, w.object) != 0 ? 1 : 0;
-            },
-            oneBuffer),
-      reads("OffHeapManager.getOffHeapByteBufferDeserializedType",
-            [](World& w) -> jlong { return getDeserializedType(w.env, w.manager, w.object); },
-            oneBuffer),
-      reads("OffHeapManager.setOffHeapByteBufferDeserializedType",
-            [](World& w) -> jlong { return setDeserializedType(w.env, w.manager, w.object, 0); },
-            oneBuffer),
-      reads("OffHeapManager.pin_native",
-            [](World& w) -> jlong {
-              const jlong pins = pin_native(w.env, w.manager, w.number, kReason);
-              return pins + unpin_native(w.env, w.manager, w.number, kReason);
-            },
-            [](World& w) { w.number = address(w.kept("bytes")); }),
-      reads("OffHeapManager.unpin_native",
-            [](World& w) -> jlong { return unpin_native(w.env, w.manager, w.number, kReason); },
-            [](World& w) { w.number = address(w.buffer("bytes")); }),
+      reads(
+          "OffHeapManager.getReferenceCountImpl(long)",
+          [](World& w) { return getReferenceCountOfAddress(w.env, w.manager, w.number); },
+          [](World& w) { w.number = address(w.kept("bytes")); }),
+      reads(
+          "OffHeapManager.getReferenceCountImpl(ByteBuffer)",
+          [](World& w) { return getReferenceCountOfBuffer(w.env, w.manager, w.object); },
+          oneBuffer),
+      reads(
+          "OffHeapManager.getOffHeapAddressImpl",
+          [](World& w) -> jlong {
+            return getOffHeapAddressImpl(w.env, w.manager, w.object) != 0 ? 1 : 0;
+          },
+          oneBuffer),
+      reads(
+          "OffHeapManager.getOffHeapByteBufferDeserializedType",
+          [](World& w) -> jlong { return getDeserializedType(w.env, w.manager, w.object); },
+          oneBuffer),
+      reads(
+          "OffHeapManager.setOffHeapByteBufferDeserializedType",
+          [](World& w) -> jlong { return setDeserializedType(w.env, w.manager, w.object, 0); },
+          oneBuffer),
+      reads(
+          "OffHeapManager.pin_native",
+          [](World& w) -> jlong {
+            const jlong pins = pin_native(w.env, w.manager, w.number, kReason);
+            return pins + unpin_native(w.env, w.manager, w.number, kReason);
+          },
+          [](World& w) { w.number = address(w.kept("bytes")); }),
+      reads(
+          "OffHeapManager.unpin_native",
+          [](World& w) -> jlong { return unpin_native(w.env, w.manager, w.number, kReason); },
+          [](World& w) { w.number = address(w.buffer("bytes")); }),
   };
   cases.insert(cases.end(), plain.begin(), plain.end());
   return cases;

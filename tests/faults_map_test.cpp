@@ -30,9 +30,7 @@ void crowded(World& w) {
   filled(w);
 }
 
-void releaseInserted(World& w, jlong answer) {
-  w.unpinValue(asValue(answer), JNI_INSERTED_PIN);
-}
+void releaseInserted(World& w, jlong answer) { w.unpinValue(asValue(answer), JNI_INSERTED_PIN); }
 // The snapshot; with overflow the entry's node stays locked for Java.
 void releaseUpdated(World& w, jlong answer) {
   LuOffHeapValue* snapshot = asValue(answer);
@@ -77,42 +75,36 @@ Arrange withBuffers(std::string_view key) {
 // ---- The map object ----------------------------------------------------------------------
 
 void addMapObject(std::vector<Case>& cases) {
-  addBoth(cases, {.native = "LuOffHeapMapImpl.allocateLuOffHeapMap",
-                  .call =
-                      [](World& w) {
-                        return allocateLuOffHeapMap(w.env, w.caller, 0, 3, 0.75F, 1, 2);
-                      },
-                  .release =
-                      [](World& w, jlong answer) {
-                        EXPECT_TRUE(deleteLuOffHeapMap(w.env, w.caller, answer));
-                      }});
-  addBoth(cases, {.native = "LuOffHeapMapImpl.deleteLuOffHeapMap",
-                  .call = [](World& w) -> jlong {
+  addBoth(
+      cases,
+      {.native = "LuOffHeapMapImpl.allocateLuOffHeapMap",
+       .call = [](World& w) { return allocateLuOffHeapMap(w.env, w.caller, 0, 3, 0.75F, 1, 2); },
+       .release = [](World& w,
+                     jlong answer) { EXPECT_TRUE(deleteLuOffHeapMap(w.env, w.caller, answer)); }});
+  addBoth(cases, {.native = "LuOffHeapMapImpl.deleteLuOffHeapMap", .call = [](World& w) -> jlong {
                     const jboolean done = deleteLuOffHeapMap(w.env, w.caller, w.handle());
                     if (done == JNI_TRUE) w.map = nullptr;
                     return done;
                   }});
-  addBoth(cases, {.native = "LuOffHeapMapImpl.clear", .arrange = filled, .call = [](World& w) -> jlong {
-                    return clear(w.env, w.caller, w.handle());
-                  }});
+  addBoth(cases, {.native = "LuOffHeapMapImpl.clear",
+                  .arrange = filled,
+                  .call = [](World& w) -> jlong { return clear(w.env, w.caller, w.handle()); }});
   const auto read = [&cases](const char* native, Call call) {
-    addBoth(cases, {.native = native, .arrange = filled, .call = std::move(call),
-                    .failure = std::nullopt});
+    addBoth(
+        cases,
+        {.native = native, .arrange = filled, .call = std::move(call), .failure = std::nullopt});
   };
   read("LuOffHeapMapImpl.maxSize", [](World& w) { return maxSize(w.env, w.caller, w.handle()); });
   read("LuOffHeapMapImpl.size", [](World& w) { return size(w.env, w.caller, w.handle()); });
   read("LuOffHeapMapImpl.getCurrentBytesUsed",
        [](World& w) { return getCurrentBytesUsed(w.env, w.caller, w.handle()); });
-  addBoth(cases, {.native = "LuOffHeapMapImpl.lockMapAndQueues",
-                  .arrange = filled,
-                  .call = [](World& w) -> jlong {
-                    return lockMapAndQueues(w.env, w.caller, w.handle());
-                  },
-                  .release =
-                      [](World& w, jlong) {
-                        EXPECT_EQ(unlockMapAndQueues(w.env, w.caller, w.handle()), 0);
-                      },
-                  .failure = 1});
+  addBoth(cases,
+          {.native = "LuOffHeapMapImpl.lockMapAndQueues",
+           .arrange = filled,
+           .call = [](World& w) -> jlong { return lockMapAndQueues(w.env, w.caller, w.handle()); },
+           .release = [](World& w,
+                         jlong) { EXPECT_EQ(unlockMapAndQueues(w.env, w.caller, w.handle()), 0); },
+           .failure = 1});
   addBoth(cases, {.native = "LuOffHeapMapImpl.unlockMapAndQueues",
                   .arrange =
                       [](World& w) {
@@ -131,8 +123,11 @@ void addMapObject(std::vector<Case>& cases) {
 void addInserts(std::vector<Case>& cases) {
   const auto insertCase = [&cases](const char* native, const char* variant, Arrange arrange,
                                    Call call) {
-    addBoth(cases, {.native = native, .variant = variant, .arrange = std::move(arrange),
-                    .call = std::move(call), .release = releaseInserted});
+    addBoth(cases, {.native = native,
+                    .variant = variant,
+                    .arrange = std::move(arrange),
+                    .call = std::move(call),
+                    .release = releaseInserted});
   };
   insertCase("LuOffHeapMapImpl.insertAndGetNewAndPin", "", withBuffers(kNew), [](World& w) {
     return insertAndGetNewAndPin(w.env, w.caller, w.handle(), w.object, w.other, 0, kRevision);
@@ -185,16 +180,19 @@ void addInserts(std::vector<Case>& cases) {
         releaseInserted(w, made);
       },
       [](World& w) {
-        return insertAndGetNewAndPinWithHashCodeAndBA(
-            w.env, w.caller, w.handle(), w.array("mixed"), 5,
-            static_cast<jbyte>(DESERIALIZED_TYPE_OTHER), 5, w.array("new"), 3, kBinary, 0,
-            kRevision);
+        return insertAndGetNewAndPinWithHashCodeAndBA(w.env, w.caller, w.handle(), w.array("mixed"),
+                                                      5,
+                                                      static_cast<jbyte>(DESERIALIZED_TYPE_OTHER),
+                                                      5, w.array("new"), 3, kBinary, 0, kRevision);
       });
 
   // A key that is there: the insert answers null whatever fails, and nothing changes.
   const auto present = [&cases](const char* native, Arrange arrange, Call call) {
-    addBoth(cases, {.native = native, .variant = "Present", .arrange = std::move(arrange),
-                    .call = std::move(call), .failure = std::nullopt});
+    addBoth(cases, {.native = native,
+                    .variant = "Present",
+                    .arrange = std::move(arrange),
+                    .call = std::move(call),
+                    .failure = std::nullopt});
   };
   present("LuOffHeapMapImpl.insertAndGetNewAndPin", withBuffers(kHere), [](World& w) {
     return insertAndGetNewAndPin(w.env, w.caller, w.handle(), w.object, w.other, 0, kRevision);
@@ -205,9 +203,9 @@ void addInserts(std::vector<Case>& cases) {
                                                   kBinary, 0, kRevision);
   });
   present("LuOffHeapMapImpl.insertAndGetNewAndPinWithHashCodeAndString", withString, [](World& w) {
-    return insertAndGetNewAndPinWithHashCodeAndString(w.env, w.caller, w.handle(),
-                                                      w.text("string"), 99, w.array("new value"),
-                                                      9, kBinary, 0, kRevision);
+    return insertAndGetNewAndPinWithHashCodeAndString(w.env, w.caller, w.handle(), w.text("string"),
+                                                      99, w.array("new value"), 9, kBinary, 0,
+                                                      kRevision);
   });
 }
 
@@ -216,8 +214,11 @@ void addInserts(std::vector<Case>& cases) {
 void addUpdates(std::vector<Case>& cases) {
   const auto update = [&cases](const char* native, const char* variant, Arrange arrange,
                                Call call) {
-    addBoth(cases, {.native = native, .variant = variant, .arrange = std::move(arrange),
-                    .call = std::move(call), .release = releaseUpdated});
+    addBoth(cases, {.native = native,
+                    .variant = variant,
+                    .arrange = std::move(arrange),
+                    .call = std::move(call),
+                    .release = releaseUpdated});
   };
   const auto valueBuffer = [](Arrange arrange) {
     return [arrange](World& w) {
@@ -249,17 +250,15 @@ void addUpdates(std::vector<Case>& cases) {
   });
   update("LuOffHeapMapImpl.updateAndGetNewAndPinWithHashCodeStringBB", "", valueBuffer(withString),
          [](World& w) {
-           return updateAndGetNewAndPinWithHashCodeStringBB(w.env, w.caller, w.handle(),
-                                                            w.text("string"), 99, w.other, 0,
-                                                            kRevision);
+           return updateAndGetNewAndPinWithHashCodeStringBB(
+               w.env, w.caller, w.handle(), w.text("string"), 99, w.other, 0, kRevision);
          });
-  update("LuOffHeapMapImpl.updateAndGetNewAndPinWithHashCodeStringBA", "", withString,
-         [](World& w) {
-           return updateAndGetNewAndPinWithHashCodeStringBA(w.env, w.caller, w.handle(),
-                                                            w.text("string"), 99,
-                                                            w.array("new value"), 9, kBinary, 0,
-                                                            kRevision);
-         });
+  update(
+      "LuOffHeapMapImpl.updateAndGetNewAndPinWithHashCodeStringBA", "", withString, [](World& w) {
+        return updateAndGetNewAndPinWithHashCodeStringBA(w.env, w.caller, w.handle(),
+                                                         w.text("string"), 99, w.array("new value"),
+                                                         9, kBinary, 0, kRevision);
+      });
   cases.push_back({.native = "LuOffHeapMapImpl.updateAndGetNewAndPin",
                    .variant = "OnDisk",
                    .overflow = true,
@@ -280,12 +279,13 @@ void addUpdates(std::vector<Case>& cases) {
 
 void addRemovals(std::vector<Case>& cases) {
   const auto removal = [&cases](const char* native, Arrange arrange, Call call) {
-    addBoth(cases, {.native = native, .arrange = std::move(arrange), .call = std::move(call),
+    addBoth(cases, {.native = native,
+                    .arrange = std::move(arrange),
+                    .call = std::move(call),
                     .release = releaseRemoved});
   };
-  removal("LuOffHeapMapImpl.removeAndGetAndPin", withBuffers(kHere), [](World& w) {
-    return removeAndGetAndPin(w.env, w.caller, w.handle(), w.object);
-  });
+  removal("LuOffHeapMapImpl.removeAndGetAndPin", withBuffers(kHere),
+          [](World& w) { return removeAndGetAndPin(w.env, w.caller, w.handle(), w.object); });
   removal("LuOffHeapMapImpl.removeAndGetAndPinWithHashCode", withBuffers(kHere), [](World& w) {
     return removeAndGetAndPinWithHashCode(w.env, w.caller, w.handle(), w.object, hash(kHere));
   });
@@ -300,8 +300,11 @@ void addRemovals(std::vector<Case>& cases) {
 
 void addGets(std::vector<Case>& cases) {
   const auto get = [&cases](const char* native, const char* variant, Arrange arrange, Call call) {
-    addBoth(cases, {.native = native, .variant = variant, .arrange = std::move(arrange),
-                    .call = std::move(call), .release = releaseGot});
+    addBoth(cases, {.native = native,
+                    .variant = variant,
+                    .arrange = std::move(arrange),
+                    .call = std::move(call),
+                    .release = releaseGot});
   };
   for (const jboolean touch : {JNI_FALSE, JNI_TRUE}) {
     const char* variant = touch == JNI_TRUE ? "Touch" : "";
@@ -320,9 +323,8 @@ void addGets(std::vector<Case>& cases) {
   const auto contains = [&cases](const char* native, Arrange arrange, Call call) {
     addBoth(cases, {.native = native, .arrange = std::move(arrange), .call = std::move(call)});
   };
-  contains("LuOffHeapMapImpl.containsKey", withBuffers(kHere), [](World& w) -> jlong {
-    return containsKey(w.env, w.caller, w.handle(), w.object);
-  });
+  contains("LuOffHeapMapImpl.containsKey", withBuffers(kHere),
+           [](World& w) -> jlong { return containsKey(w.env, w.caller, w.handle(), w.object); });
   contains("LuOffHeapMapImpl.containsKeyWithHashCode", withBuffers(kHere), [](World& w) -> jlong {
     return containsKeyWithHashCode(w.env, w.caller, w.handle(), w.object, hash(kHere));
   });
@@ -348,8 +350,7 @@ void addQueries(std::vector<Case>& cases) {
                    w.object = w.jni.newDirectBuffer(w.words.data(), 64 * 8);
                    if (w.overflow()) w.pageOutValue(w.entry);
                  },
-             .call =
-                 [bookmark](World& w) -> jlong {
+             .call = [bookmark](World& w) -> jlong {
                EXPECT_EQ(queryRevisionAndPinWithBounds(w.env, w.caller, w.handle(), w.object,
                                                        bookmark, w.longs(1, 0), w.longs(1, 9)),
                          0);
@@ -393,24 +394,23 @@ void addQueries(std::vector<Case>& cases) {
                                                     JNI_TRUE);
                       },
                   .release = releaseGot});
-  addBoth(cases,
-          {.native = "LuOffHeapMapImpl.getAndPinNextKeyWithAttributes",
-           .arrange =
-               [](World& w) {
-                 filled(w);
-                 w.number = getAndPinFirstInQueue(w.env, w.caller, w.handle(), 1, JNI_TRUE);
-                 w.atEnd([&w] { w.unpinValue(asValue(w.number), JNI_GET_PIN); });
-               },
-           .call =
-               [](World& w) {
-                 return getAndPinNextKeyWithAttributes(w.env, w.caller, w.handle(), w.number,
-                                                       w.longs(6), 1);
-               },
-           .release =
-               [](World& w, jlong answer) {
-                 nimbra::unpinToFree(w.env, asValue(answer)->key, JNI_GET_PIN);
-                 releaseGot(w, answer);
-               }});
+  addBoth(cases, {.native = "LuOffHeapMapImpl.getAndPinNextKeyWithAttributes",
+                  .arrange =
+                      [](World& w) {
+                        filled(w);
+                        w.number = getAndPinFirstInQueue(w.env, w.caller, w.handle(), 1, JNI_TRUE);
+                        w.atEnd([&w] { w.unpinValue(asValue(w.number), JNI_GET_PIN); });
+                      },
+                  .call =
+                      [](World& w) {
+                        return getAndPinNextKeyWithAttributes(w.env, w.caller, w.handle(), w.number,
+                                                              w.longs(6), 1);
+                      },
+                  .release =
+                      [](World& w, jlong answer) {
+                        nimbra::unpinToFree(w.env, asValue(answer)->key, JNI_GET_PIN);
+                        releaseGot(w, answer);
+                      }});
 }
 
 void addCharacters(std::vector<Case>& cases) {
@@ -424,8 +424,7 @@ void addCharacters(std::vector<Case>& cases) {
                            return std::string(units.begin(), units.end());
                          };
                        },
-                   .call =
-                       [](World& w) -> jlong {
+                   .call = [](World& w) -> jlong {
                      natives::getChars(w.env, w.caller, w.object, 0, 0, 0,
                                        static_cast<jcharArray>(w.other), 5);
                      return 0;
@@ -440,8 +439,7 @@ void addCharacters(std::vector<Case>& cases) {
                            return std::string(bytes.begin(), bytes.end());
                          };
                        },
-                   .call =
-                       [](World& w) -> jlong {
+                   .call = [](World& w) -> jlong {
                      getFullCharBytesFromString(w.env, w.caller, w.text("abcde"), 5,
                                                 static_cast<jbyteArray>(w.other), 0);
                      return 0;

@@ -41,8 +41,13 @@ void unlockEntry(World& w, jlong) {
 
 Case on(const char* native, const char* variant, Arrange arrange, Call call,
         Release release = nullptr, std::optional<jlong> failure = std::nullopt) {
-  return {.native = native, .variant = variant, .overflow = true, .arrange = std::move(arrange),
-          .call = std::move(call), .release = std::move(release), .failure = failure};
+  return {.native = native,
+          .variant = variant,
+          .overflow = true,
+          .arrange = std::move(arrange),
+          .call = std::move(call),
+          .release = std::move(release),
+          .failure = failure};
 }
 
 }  // namespace
@@ -114,8 +119,7 @@ std::vector<Case> overflowCases() {
     return setNextChunkPtrOffset(w.env, nullptr, w.number, 1234) != 0;
   }));
   addBoth(cases, {.native = "Utils.printPthreadID",
-                  .call =
-                      [](World& w) -> jlong {
+                  .call = [](World& w) -> jlong {
                     printPthreadID(w.env, nullptr);
                     return 0;
                   },

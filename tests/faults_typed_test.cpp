@@ -12,9 +12,7 @@ constexpr jbyte kBinary = DESERIALIZED_TYPE_BINARY;
 constexpr jint kHash = 4711;
 constexpr jlong kRevision = 7;
 
-void releaseInserted(World& w, jlong answer) {
-  w.unpinValue(asValue(answer), JNI_INSERTED_PIN);
-}
+void releaseInserted(World& w, jlong answer) { w.unpinValue(asValue(answer), JNI_INSERTED_PIN); }
 void releaseUpdated(World& w, jlong answer) {
   LuOffHeapValue* snapshot = asValue(answer);
   if (w.overflow()) {
@@ -58,18 +56,28 @@ void addType(std::vector<Case>& cases, const std::string& type, Number key, Arra
   };
   const Arrange absent = around(insertArray, key, false);
   const Arrange present = around(insertArray, key, true);
-  addBoth(cases, {.native = prefix + "insertAndGetNewAndPinWith" + type, .arrange = absent,
-                  .call = withArray(insertArray), .release = releaseInserted});
-  addBoth(cases, {.native = prefix + "insertAndGetNewAndPinWith" + type + "BB", .arrange = absent,
-                  .call = withBuffer(insertBuffer), .release = releaseInserted});
+  addBoth(cases, {.native = prefix + "insertAndGetNewAndPinWith" + type,
+                  .arrange = absent,
+                  .call = withArray(insertArray),
+                  .release = releaseInserted});
+  addBoth(cases, {.native = prefix + "insertAndGetNewAndPinWith" + type + "BB",
+                  .arrange = absent,
+                  .call = withBuffer(insertBuffer),
+                  .release = releaseInserted});
   // No search finds a boolean key: such an update finds nothing, whatever else happens.
   const bool found = type != "Boolean";
   const Release release = found ? Release(releaseUpdated) : Release();
   const std::optional<jlong> failure = found ? std::optional<jlong>(0) : std::nullopt;
-  addBoth(cases, {.native = prefix + "updateAndGetNewAndPinWith" + type, .arrange = present,
-                  .call = withArray(updateArray), .release = release, .failure = failure});
-  addBoth(cases, {.native = prefix + "updateAndGetNewAndPinWith" + type + "BB", .arrange = present,
-                  .call = withBuffer(updateBuffer), .release = release, .failure = failure});
+  addBoth(cases, {.native = prefix + "updateAndGetNewAndPinWith" + type,
+                  .arrange = present,
+                  .call = withArray(updateArray),
+                  .release = release,
+                  .failure = failure});
+  addBoth(cases, {.native = prefix + "updateAndGetNewAndPinWith" + type + "BB",
+                  .arrange = present,
+                  .call = withBuffer(updateBuffer),
+                  .release = release,
+                  .failure = failure});
 }
 
 }  // namespace
@@ -83,9 +91,8 @@ std::vector<Case> typedCases() {
           &updateAndGetNewAndPinWithShortBB);
   addType(cases, "Int", jint{7}, &insertAndGetNewAndPinWithInt, &insertAndGetNewAndPinWithIntBB,
           &updateAndGetNewAndPinWithInt, &updateAndGetNewAndPinWithIntBB);
-  addType(cases, "Long", jlong{7}, &insertAndGetNewAndPinWithLong,
-          &insertAndGetNewAndPinWithLongBB, &updateAndGetNewAndPinWithLong,
-          &updateAndGetNewAndPinWithLongBB);
+  addType(cases, "Long", jlong{7}, &insertAndGetNewAndPinWithLong, &insertAndGetNewAndPinWithLongBB,
+          &updateAndGetNewAndPinWithLong, &updateAndGetNewAndPinWithLongBB);
   addType(cases, "Float", jfloat{7}, &insertAndGetNewAndPinWithFloat,
           &insertAndGetNewAndPinWithFloatBB, &updateAndGetNewAndPinWithFloat,
           &updateAndGetNewAndPinWithFloatBB);
@@ -106,25 +113,25 @@ std::vector<Case> typedCases() {
                           return getLuValue_Number(w.env, w.caller, w.handle(), kHash, 0, touch,
                                                    kRevision, 7.0);
                         },
-                    .release = [](World& w, jlong answer) {
-                      w.unpinValue(asValue(answer), NATIVE_TRANSIENT_GET_PIN);
-                    }});
+                    .release =
+                        [](World& w, jlong answer) {
+                          w.unpinValue(asValue(answer), NATIVE_TRANSIENT_GET_PIN);
+                        }});
   }
   addBoth(cases, {.native = "LuOffHeapMapImpl.containsKeyWithHashCodeNumber",
                   .arrange = doubles,
                   .call = [](World& w) -> jlong {
                     return containsKeyWithHashCodeNumber(w.env, w.caller, w.handle(), kHash, 7.0);
                   }});
-  addBoth(cases, {.native = "LuOffHeapMapImpl.removeAndGetAndPinWithHashCodeNumber",
-                  .arrange = doubles,
-                  .call =
-                      [](World& w) {
-                        return removeAndGetAndPinWithHashCodeNumber(w.env, w.caller, w.handle(),
-                                                                    kHash, 7.0);
-                      },
-                  .release = [](World& w, jlong answer) {
-                    w.unpinValue(asValue(answer), JNI_REMOVED_PIN);
-                  }});
+  addBoth(
+      cases,
+      {.native = "LuOffHeapMapImpl.removeAndGetAndPinWithHashCodeNumber",
+       .arrange = doubles,
+       .call =
+           [](World& w) {
+             return removeAndGetAndPinWithHashCodeNumber(w.env, w.caller, w.handle(), kHash, 7.0);
+           },
+       .release = [](World& w, jlong answer) { w.unpinValue(asValue(answer), JNI_REMOVED_PIN); }});
   return cases;
 }
 

@@ -20,8 +20,8 @@ void showWords(World& w, std::size_t count, std::size_t firstPlain) {
     std::string shown;
     const std::vector<jlong> words = w.jni.longsOf(w.other);
     for (std::size_t i = 0; i < words.size(); ++i) {
-      shown += i < firstPlain ? (words[i] == -1 ? "- " : "address ")
-                              : std::to_string(words[i]) + " ";
+      shown +=
+          i < firstPlain ? (words[i] == -1 ? "- " : "address ") : std::to_string(words[i]) + " ";
     }
     return shown;
   };
@@ -32,7 +32,9 @@ void showWords(World& w, std::size_t count, std::size_t firstPlain) {
 std::vector<Case> valueCases() {
   std::vector<Case> cases;
   const auto read = [&cases](const char* native, Call call, Arrange arrange = oneEntry) {
-    addBoth(cases, {.native = native, .arrange = std::move(arrange), .call = std::move(call),
+    addBoth(cases, {.native = native,
+                    .arrange = std::move(arrange),
+                    .call = std::move(call),
                     .failure = std::nullopt});
   };
   read("LuOffHeapMapValueImpl.getKeyHashCode",
@@ -94,8 +96,7 @@ std::vector<Case> valueCases() {
                         w.number = address(w.removePinned("key"));
                         w.more = [&w] { return std::to_string(w.calls.deleting.size()); };
                       },
-                  .call =
-                      [](World& w) -> jlong {
+                  .call = [](World& w) -> jlong {
                     return unpinLuOffHeapValue_native(w.env, w.manager, w.number, 1);
                   },
                   .failure = std::nullopt,
