@@ -571,6 +571,7 @@ TEST_P(EveryFault, EndsAsDocumented) {
     if (std::getenv("NIMBRA_FAULTS_VERBOSE") != nullptr) {
       std::fprintf(stderr, "%s\n", each.name().c_str());
     }
+    const LeaksOnPurpose leaks(each, Fault{});
     Trial trial(each, Fault{});
     good = trial.seen;
     demands = trial.demands;

@@ -189,6 +189,8 @@ inline constexpr Kept kKept[] = {
      "the record of whose end Java could not be told stays, with all that it carries"},
     {"BoundedNatives_put_Expired_Overflow", "throws:CallStaticVoidMethod", 5, 0, true,
      "the record of whose end Java could not be told stays, with all that it carries"},
+    {"OffHeapManager_pinTrack", "*", 0, 0, true,
+     "a report that discards leaves its records to a thread that may be about to lock them"},
     {"OffHeapManager_allocatePhantom", "none:", 0, 1, false,
      "a phantom buffer is a global reference that lives as long as the process"},
     {"OffHeapManager_initializeOffHeap*", "none:", 0, 1, false,
