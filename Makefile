@@ -74,7 +74,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native test-gc stress-overflow soak demo demo-diagnostics demo-overflow bench bench-stores check format
+.PHONY: test test-native test-gc sbom dependencies stress-overflow soak demo demo-diagnostics demo-overflow bench bench-stores check format
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -94,6 +94,14 @@ stress-overflow: native
 soak: ## use everything for half an hour and compare the end with the start (MINUTES=N, SEED=N)
 soak: native
 	@tools/soak.sh $(MINUTES) $(SEED)
+
+sbom: ## write the bills of materials of a release to build/sbom
+sbom: java
+	@JEMALLOC_ROOT="$(JEMALLOC_ROOT)" tools/sbom.sh
+
+dependencies: ## compare all that Maven fetches with java/dependencies.sha256
+dependencies: native
+	@JEMALLOC_ROOT="$(JEMALLOC_ROOT)" tools/dependencies.sh check
 
 demo: ## keep every class file of the JDK off heap and check each byte (ARGS="--input DIR")
 demo: java
