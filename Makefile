@@ -77,7 +77,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-stores check format soak fuzz test-gc
+.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-stores check format soak fuzz test-gc sbom dependencies
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -109,6 +109,13 @@ soak: native
 fuzz: ## run every fuzz target for a while (SECONDS=N for each)
 fuzz: setup-check native build/fuzz/build.ninja
 	@tools/fuzz.sh $(SECONDS)
+sbom: ## write the bills of materials of a release to build/sbom
+sbom: java
+	@JEMALLOC_ROOT="$(JEMALLOC_ROOT)" tools/sbom.sh
+
+dependencies: ## compare all that Maven fetches with java/dependencies.sha256
+dependencies: native
+	@JEMALLOC_ROOT="$(JEMALLOC_ROOT)" tools/dependencies.sh check
 
 demo: ## keep every class file of the JDK off heap and check each byte (ARGS="--input DIR")
 demo: java

@@ -6,4 +6,4 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 log=org.slf4j.simpleLogger
 export MAVEN_OPTS="${MAVEN_OPTS:-} -D$log.defaultLogLevel=warn \
 -D$log.log.org.apache.maven.plugin.surefire=info"
-exec mvn --batch-mode --no-transfer-progress --file "$root/java/pom.xml" "$@"
+exec mvn --batch-mode --no-transfer-progress --strict-checksums --file "$root/java/pom.xml" "$@"

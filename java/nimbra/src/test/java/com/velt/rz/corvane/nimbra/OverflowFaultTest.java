@@ -121,8 +121,8 @@ class OverflowFaultTest {
             List<Executable> refused = List.of(
                     () -> map.put(bytes(stored), value(0, LENGTH)),
                     () -> map.putIfAbsent(bytes(stored), value(0, LENGTH)),
-                    () -> map.put(bytes(1), value(0, LENGTH)),
-                    () -> map.replace(bytes(2), value(0, LENGTH)),
+                    () -> map.put(bytes(1), value(0, 3 << 20)),
+                    () -> map.replace(bytes(2), value(0, 3 << 20)),
                     () -> map.put(bytes(3), value(0, 3 << 20)));
             for (int round = 0; round < 10; round++) {
                 for (Executable write : refused) {
