@@ -49,7 +49,9 @@ class SoakTest {
 
     @Test
     void heldNativeMemoryIsFound(@TempDir Path directory) {
-        ChildJvm.Result result = soak(directory, "3", "-Dnimbra.soak.settle=1", "-Dnimbra.soak.plant=memory");
+        // Less is allowed than elsewhere: what the virtual machine gives back meanwhile hides a part of it.
+        ChildJvm.Result result = soak(
+                directory, "3", "-Dnimbra.soak.settle=1", "-Dnimbra.soak.plant=memory", "-Dnimbra.soak.margin=8");
         assertEquals(1, result.exitCode(), result::output);
         assertTrue(result.output().contains("AssertionError: resident memory"), result::output);
     }
