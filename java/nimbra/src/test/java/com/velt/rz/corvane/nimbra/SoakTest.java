@@ -50,8 +50,8 @@ class SoakTest {
     @Test
     void heldNativeMemoryIsFound(@TempDir Path directory) {
         // Less is allowed than elsewhere: what the virtual machine gives back meanwhile hides a part of it.
-        ChildJvm.Result result = soak(
-                directory, "3", "-Dnimbra.soak.settle=1", "-Dnimbra.soak.plant=memory", "-Dnimbra.soak.margin=8");
+        ChildJvm.Result result =
+                soak(directory, "3", "-Dnimbra.soak.settle=1", "-Dnimbra.soak.plant=memory", "-Dnimbra.soak.margin=8");
         assertEquals(1, result.exitCode(), result::output);
         assertTrue(result.output().contains("AssertionError: resident memory"), result::output);
     }
