@@ -12,7 +12,7 @@ set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 seconds=${1:-60}
-shift || true
+shift $(($# > 0 ? 1 : 0))
 jobs=${JOBS:-$(nproc)}
 found=build/fuzz/corpus
 failures=build/fuzz/failures
