@@ -48,7 +48,8 @@ class CheckedJniTest {
                 "--fail-if-no-tests",
                 "--select-package=com.velt.rz.corvane",
                 "--exclude-tag=child-jvm",
-                "--exclude-tag=overflow");
+                "--exclude-tag=overflow",
+                "--exclude-tag=lincheck");
         assertEquals(List.of(), warnings(result.output()), () -> end(result.output()));
         assertEquals(0, result.exitCode(), () -> end(result.output()));
         Matcher successful = SUCCESSFUL.matcher(result.output());
