@@ -5,7 +5,8 @@
 #   ARGS           passed on to the demo or to the Java benchmarks
 #   JOBS           parallel jobs (default: all cores)
 #   JEMALLOC_ROOT  a ready je-prefixed jemalloc 5, instead of one built from Debian's source
-#   SECONDS, SEED  length and random seed of the stress with values on disk
+#   SECONDS, SEED  length and random seed of a stress; SECONDS also of fuzz
+#   MODE, TEST     jcstress: sanity, quick, default, tough or stress; a pattern of test names
 #   MINUTES        length of the soak, which takes SEED as well
 #   JDKS, COLLECTORS  what test-gc runs on (default: all there are)
 #   SETUP=no       skips the installation of Debian packages
@@ -20,6 +21,8 @@ MAKEFLAGS += --no-print-directory
 ARGS ?=
 SECONDS ?= 60
 SEED ?=
+MODE ?= quick
+TEST ?= .*
 MINUTES ?= 30
 SETUP ?= yes
 JOBS ?= $(shell nproc)
@@ -74,7 +77,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native test-gc sbom dependencies stress-overflow soak demo demo-diagnostics demo-overflow bench bench-stores check format
+.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-stores check format soak fuzz test-gc sbom dependencies
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -83,6 +86,10 @@ test-native: ## run the native tests only
 test-native: build/debug/build.ninja
 	@tools/test.sh native
 
+stress: ## every native at once under the thread sanitizer for an hour (SECONDS=N, SEED=N)
+stress: build/tsan/build.ninja
+	@tools/stress.sh $(if $(filter command,$(firstword $(origin SECONDS))),$(SECONDS),3600) $(SEED)
+
 test-gc: ## run the Java tests on every JDK with every collector, JNI checked (10 to 60 minutes)
 test-gc: native
 	@tools/test_gc.sh
@@ -90,6 +97,10 @@ test-gc: native
 stress-overflow: ## use two maps in every way while values go to disk (SECONDS=N, SEED=N)
 stress-overflow: native
 	@tools/stress_overflow.sh $(SECONDS) $(SEED)
+
+jcstress: ## race pairs of Java calls where they meet native memory (MODE=quick, TEST=PATTERN)
+jcstress: native
+	@tools/jcstress.sh '$(MODE)' '$(TEST)'
 
 soak: ## use everything for half an hour and compare the end with the start (MINUTES=N, SEED=N)
 soak: native
@@ -102,6 +113,10 @@ sbom: java
 dependencies: ## compare all that Maven fetches with java/dependencies.sha256
 dependencies: native
 	@JEMALLOC_ROOT="$(JEMALLOC_ROOT)" tools/dependencies.sh check
+
+fuzz: ## run every fuzz target for a while (SECONDS=N for each)
+fuzz: setup-check native build/fuzz/build.ninja
+	@tools/fuzz.sh $(SECONDS)
 
 demo: ## keep every class file of the JDK off heap and check each byte (ARGS="--input DIR")
 demo: java
@@ -123,13 +138,13 @@ bench-stores: ## measure stores for values on disk (ARGS="--values N --rounds N"
 bench-stores: java
 	@tools/bench_stores.sh $(ARGS)
 
-check: ## formatting, clang-tidy, and the native tests under the sanitizers
+check: ## formatting, clang-tidy, the native tests under the sanitizers, and a short stress
 check: setup-check build/debug/build.ninja build/asan/build.ninja build/tsan/build.ninja
 	@tools/check.sh
 
 format: ## rewrite the sources as make check wants them
 format: setup-check
-	@clang-format -i $(wildcard src/*.h src/*.cpp tests/*.h tests/*.cpp bench/*.h bench/*.cpp)
+	@clang-format -i $(wildcard src/*.h src/*.cpp tests/*.h tests/*.cpp bench/*.h bench/*.cpp fuzz/*.h fuzz/*.cpp)
 	@tools/mvn.sh spotless:apply
 
 # ---- cleaning -------------------------------------------------------------------------------

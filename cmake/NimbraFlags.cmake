@@ -24,8 +24,7 @@ if(NIMBRA_SANITIZE)
   endif()
   if(NIMBRA_SANITIZE MATCHES "undefined")
     # The virtual-table check needs the type information that the library is built without.
-    # The checks' extra control flow makes GCC see uninitialised uses inside the standard library.
-    target_compile_options(nimbra_flags INTERFACE -fno-sanitize=vptr -Wno-maybe-uninitialized)
+    target_compile_options(nimbra_flags INTERFACE -fno-sanitize=vptr)
   endif()
   if(NIMBRA_SANITIZE MATCHES "thread" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # GCC warns at every atomic_thread_fence; the ones we have stand beside atomics that the

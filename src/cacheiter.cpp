@@ -95,7 +95,7 @@ bool initErrorCheckingMutex(JNIEnv* env, pthread_mutex_t* mutex, LockRank rank) 
 int lockAnchor() { return mutexLock(&it._anchor_mutex, LockRank::anchor); }
 int unlockAnchor() { return mutexUnlock(&it._anchor_mutex, LockRank::anchor); }
 
-void setAnchor(overflow_metadata* node) { __atomic_store_n(&it._anchor, node, __ATOMIC_RELAXED); }
+void setAnchor(overflow_metadata* node) { __atomic_store_n(&it._anchor, node, __ATOMIC_RELEASE); }
 
 bool isHeldByMe(JNIEnv* env, overflow_metadata* node) {
   const uint32_t held = overflow_metadata_get_hold_count(env, node);
@@ -110,6 +110,10 @@ bool cacheiter_singleton_init(JNIEnv* env) {
 }
 
 void cacheiter_freeing_node(JNIEnv* env, overflow_metadata* node) {
+  // A node becomes the anchor only in the hands of a sweep that holds its lock, and whoever takes a
+  // node out of its list holds that lock when he asks for the last time. So only the anchor itself
+  // needs the mutex, which then waits for a sweep that is about to resume there.
+  if (__atomic_load_n(&it._anchor, __ATOMIC_ACQUIRE) != node) return;
   if (const int code = lockAnchor()) {
     throw_exception_with_code(env, __func__, "Failed to lock anchor mutex.", code);
     return;

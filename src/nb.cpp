@@ -47,11 +47,13 @@ bool cacheMapClass(JNIEnv* env, const char* function) {
                      kMapClass);
     return false;
   }
-  luMapClassRef = static_cast<jclass>(env->NewGlobalRef(mapClass.get()));
+  const auto mapClassRef = static_cast<jclass>(env->NewGlobalRef(mapClass.get()));
+  if (mapClassRef == nullptr) return false;
+  luMapClassRef = mapClassRef;
   NB_DEBUG_AS(env, function, "Loaded class %s", kMapClass);
   for (const CallbackMethod& method : kCallbackMethods) {
     *method.slot = env->GetMethodID(mapClass.get(), method.name, method.signature);
-    if (catch_exception(env, function, false)) {
+    if (catch_exception(env, function, false) || *method.slot == nullptr) {
       NB_ERROR_GENERIC(env, kGenericErrorKey,
                        "The Nimbra library failed to resolve method signature: %s",
                        method.signature);
@@ -101,7 +103,8 @@ jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_initializeOffHeap(
            static_cast<void*>(self), static_cast<long long>(max), static_cast<long>(trimThreshold),
            static_cast<long>(mmapThreshold), isDiskOverflowEnabled,
            static_cast<long>(getHardCapLimit()));
-  if (_isDiskOverflowEnabled && !initialize_overflow(env, self)) {
+  // A logger without its methods has left an exception, with which nothing can be looked up.
+  if (_isDiskOverflowEnabled && (env->ExceptionCheck() || !initialize_overflow(env, self))) {
     // Without lists the library runs without overflow.
     _isDiskOverflowEnabled = false;
     return JNI_FALSE;

@@ -91,18 +91,18 @@ inline bool lockOrRaise(JNIEnv* env, BucketSet* set, const char* function) {
 inline WriteOutcome update(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key,
                            ByteBufferHeader* value, jlong revision, uint64_t* released = nullptr,
                            const EntryHook* hook = nullptr) {
-  WriteOutcome outcome;
-  LuOffHeapValue* snapshot =
-      updateAndPin(env, nullptr, map, key.object(), OBJECT_TYPE_JBYTE_ARRAY, key.buffer(),
-                   key.hash(), true, value, kOwner, revision, &outcome, hook);
-  if (snapshot != nullptr) {
-    if (released != nullptr) *released = snapshot->valueLength;
-    if (_isDiskOverflowEnabled) {
-      overflow_metadata_unlock(env, "update", nodeOf(snapshot->hashNext));
-    }
-    unpinLuOffHeapMapValue(env, snapshot, ALLOCATION_PIN);
-  }
-  return outcome;
+  return updateInPlace(env, nullptr, map, key.object(), OBJECT_TYPE_JBYTE_ARRAY, key.buffer(),
+                       key.hash(), value, kOwner, revision, released, hook);
+}
+
+// Java has been told: our own side wants to know of deletions only to free copies on disk. Saves a
+// call into Java for every entry without one. REQUIRES: a pin on a record that is in no table.
+inline void forgetUntold(JNIEnv* env, LuOffHeapValue* removed) {
+  if (!_isDiskOverflowEnabled) return;
+  overflow_metadata* node = nodeOf(removed);
+  if (!overflow_metadata_lock(env, "remove", node)) return;
+  if (!isFlagSet(on_disk, node)) setFlag(is_invalid, node);
+  overflow_metadata_unlock(env, "remove", node);
 }
 
 // What a lookup found. At most one of the two is set, and holds one JNI_GET_PIN: the value's
@@ -113,10 +113,15 @@ struct Found {
   jlong revision = 0;
 };
 
+// The entry's revision. A touch by the contract's natives moves it without the bucket set.
+inline jlong revisionOf(const LuOffHeapValue* value) {
+  return __atomic_load_n(&value->revisionNumber, __ATOMIC_RELAXED);
+}
+
 // Pins what the entry has. REQUIRES: the bucket set.
 inline Found pinFound(JNIEnv* env, LuOffHeapValue* value) {
   Found found;
-  found.revision = value->revisionNumber;
+  found.revision = revisionOf(value);
   if (value->value != nullptr) {
     found.buffer = value->value;
     pin(env, found.buffer, JNI_GET_PIN);
@@ -155,6 +160,7 @@ inline jbyteArray copyFound(JNIEnv* env, const Found& found, jlongArray onDisk) 
   if (found.record == nullptr) return copyAndUnpin(env, found.buffer);
   const jlong handle = toHandle(found.record);
   env->SetLongArrayRegion(onDisk, 0, 1, &handle);
+  if (env->ExceptionCheck()) unpinLuOffHeapMapValue(env, found.record, JNI_GET_PIN);
   return nullptr;
 }
 
@@ -184,7 +190,7 @@ inline void pinForWalk(JNIEnv* env, LuOffHeapValue* value, jlongArray out, jsize
       toHandle(bufferData(value->key)), static_cast<jlong>(value->key->dataSize),
       inMemory ? toHandle(bufferData(found.buffer)) : 0,
       inMemory ? static_cast<jlong>(found.buffer->dataSize) : toHandle(found.record),
-      value->revisionNumber};
+      found.revision};
   env->SetLongArrayRegion(out, index * kScanWords, kScanWords, words);
 }
 

@@ -199,6 +199,7 @@ LuOffHeapValue* takeOut(JNIEnv* env, const Partition& partition, Bound* bound, B
   if (removed == nullptr) return nullptr;
   if (removeFromRevisionQueue(env, partition.map, removed)) {
     if (_isDiskOverflowEnabled) overflow_metadata_splice_out(env, nodeOf(removed), false);
+    forgetUntold(env, removed);
     return removed;
   }
   unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
@@ -297,12 +298,17 @@ struct Write {
 
 enum class Presence { absent, live, expired, unknown };
 
+// A key that Java refused to show has not been looked for.
+Presence absentOrUnknown(JNIEnv* env) {
+  return env->ExceptionCheck() ? Presence::unknown : Presence::absent;
+}
+
 Presence probe(JNIEnv* env, const Partition& partition, const SearchKey& key, jlong now,
                const char* function) {
   BucketSet* set = key.setIn(partition.map);
   if (!lockOrRaise(env, set, function)) return Presence::unknown;
   const LuOffHeapValue* value = key.findIn(env, partition.map);
-  const Presence presence = value == nullptr        ? Presence::absent
+  const Presence presence = value == nullptr        ? absentOrUnknown(env)
                             : isExpired(value, now) ? Presence::expired
                                                     : Presence::live;
   unlockBucketSet(set);
@@ -392,6 +398,7 @@ jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_put(JNIEnv* env, jclass, jlo
     if (!room) return kNoRoom;
     if (outcome == WriteOutcome::failed) return kFailed;
     if (outcome == WriteOutcome::done) return live && mode == kPut ? 0 : 1;
+    if (env->ExceptionCheck()) return kFailed;  // the search itself could not be made
   }
 }
 

@@ -65,6 +65,7 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_putIfAbsent(JNIEnv* env, jclass,
   const bool present = key.findIn(env, map) != nullptr;
   unlockBucketSet(set);
   if (present) return 0;
+  if (env->ExceptionCheck()) return kFailed;  // the search itself could not be made
   const ArrayCopy keyBuffer(env, keyArray, "Key Data");
   if (keyBuffer.get() == nullptr) return kFailed;
   const ArrayCopy value(env, valueArray, "Value Data");
@@ -104,7 +105,10 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_remove(JNIEnv* env, jclass, jlon
   LuOffHeapValue* removed =
       removeAndPin(env, nullptr, fromHandle<LuOffHeapMap>(handle), key.object(),
                    OBJECT_TYPE_JBYTE_ARRAY, key.buffer(), hash, true, &outcome);
-  if (removed != nullptr) unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
+  if (removed != nullptr) {
+    forgetUntold(env, removed);
+    unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
+  }
   switch (outcome) {
     case WriteOutcome::done: return 1;
     case WriteOutcome::none: return 0;
@@ -176,6 +180,7 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_scan(JNIEnv* env, jclass, jlong 
   MapHeader* table = fromHandle<LuOffHeapMap>(handle)->map;
   jlong cursor[2];
   env->GetLongArrayRegion(cursorArray, 0, 2, cursor);
+  if (env->ExceptionCheck()) return 0;
   const jsize capacity = env->GetArrayLength(out) / kScanWords;
   auto setIndex = static_cast<uint32_t>(cursor[0]);
   auto position = static_cast<uint32_t>(cursor[1]);
@@ -217,6 +222,7 @@ void Java_com_velt_rz_corvane_nimbra_MapNatives_unpinAll(JNIEnv* env, jclass, jl
   for (jint i = from; i < from + count; i++) {
     jlong words[kScanWords];
     env->GetLongArrayRegion(out, i * kScanWords, kScanWords, words);
+    if (env->ExceptionCheck()) return;
     unpinToFree(env, headerOfData(fromHandle<void>(words[0])), JNI_GET_PIN);
     if (words[2] != 0) {
       unpinToFree(env, headerOfData(fromHandle<void>(words[2])), JNI_GET_PIN);

@@ -39,7 +39,7 @@ bool install(JNIEnv* env, LuOffHeapValue* value, ByteBufferHeader* buffer, jlong
   if (lockBucketSetAndNode(env, kTag, value) == 1) return false;
   const overflow_metadata* node = nodeOf(value);
   const bool unchanged = isFlagSet(on_disk, node) && !isFlagSet(in_memory, node) &&
-                         node->chunkPtrOffset == chunkPosition && value->revisionNumber == revision;
+                         node->chunkPtrOffset == chunkPosition && revisionOf(value) == revision;
   if (unchanged) pageIn(env, value, buffer);
   unlockBucketSetAndNode(env, kTag, value);
   return unchanged;
@@ -61,7 +61,9 @@ jlong Java_com_velt_rz_corvane_nimbra_OverflowNatives_nextEvictable(JNIEnv* env,
                          isFlagSet(on_disk, node) ? 1 : 0,
                          static_cast<jlong>(sizeofByteBufferHeader(buffer))};
   env->SetLongArrayRegion(out, 0, sizeof words / sizeof words[0], words);
-  return toHandle(value);
+  if (!env->ExceptionCheck()) return toHandle(value);
+  unpinLuOffHeapMapValue(env, value, JNI_OVERFLOW_EVICTED_PIN);  // Java would never see the handle
+  return 0;
 }
 
 void Java_com_velt_rz_corvane_nimbra_OverflowNatives_evicted(JNIEnv* env, jclass, jlong record,
@@ -86,16 +88,20 @@ jint Java_com_velt_rz_corvane_nimbra_OverflowNatives_beginRead(JNIEnv* env, jcla
   if (ByteBufferHeader* buffer = value->value) {
     pin(env, buffer, JNI_GET_PIN);
     const jlong words[] = {toHandle(buffer), toHandle(bufferData(buffer)),
-                           static_cast<jlong>(buffer->dataSize), value->revisionNumber};
+                           static_cast<jlong>(buffer->dataSize), revisionOf(value)};
     unlockBucketSetAndNode(env, "read", value);
     env->SetLongArrayRegion(out, 0, 4, words);
-    return kInMemory;
+    if (!env->ExceptionCheck()) return kInMemory;
+    unpinToFree(env, buffer, JNI_GET_PIN);
+    return kFailed;
   }
   const jlong words[] = {node->chunkPtrOffset, node->chunkSize, node->nextChunkPtrOffset,
-                         value->revisionNumber};
+                         revisionOf(value)};
   unlockBucketSet(set);
   env->SetLongArrayRegion(out, 0, 4, words);
-  return kOnDisk;
+  if (!env->ExceptionCheck()) return kOnDisk;
+  overflow_metadata_unlock(env, "read", node);
+  return kFailed;
 }
 
 jlong Java_com_velt_rz_corvane_nimbra_OverflowNatives_pageIn(JNIEnv* env, jclass, jlong record,
@@ -112,6 +118,11 @@ jlong Java_com_velt_rz_corvane_nimbra_OverflowNatives_pageIn(JNIEnv* env, jclass
     pin(env, buffer, JNI_GET_PIN);
     const jlong words[] = {toHandle(bufferData(buffer)), static_cast<jlong>(buffer->dataSize)};
     env->SetLongArrayRegion(out, 0, 2, words);
+    if (env->ExceptionCheck()) {
+      unpinToFree(env, buffer, JNI_GET_PIN);
+      unpinToFree(env, buffer, ALLOCATION_PIN);
+      return 0;
+    }
   }
   const bool installed =
       install(env, fromHandle<LuOffHeapValue>(record), buffer, chunkPosition, revision);

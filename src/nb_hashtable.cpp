@@ -243,8 +243,8 @@ Pinnable* setValue(JNIEnv* /*env*/, Pinnable* entry, ByteBufferHeader* value) {
 uint32_t unpinEntry(JNIEnv* env, Pinnable* entry, uint32_t reason) {
   NB_DEBUG(env, ">entry");
   const auto pins = static_cast<uint32_t>(unpin(env, entry, reason));
-  NB_EVENT(env, "p=%p pins=%d reason=%s", static_cast<void*>(entry),
-           static_cast<int>(lockRead(&entry->pins)), getReason(reason));
+  NB_EVENT(env, "p=%p pins=%d reason=%s", static_cast<void*>(entry), static_cast<int>(pins),
+           getReason(reason));
   if (pins == 0) {
     auto* record = static_cast<DefaultEntry*>(entry);
     NB_DEBUG(env, "unpin Entry key=%p", static_cast<void*>(record->key));

@@ -92,7 +92,14 @@ Pinnable* search_memcmp(JNIEnv* env, MapHeader* header, const void* key, uint8_t
                static_cast<void*>(entry), static_cast<int>(entryHash), static_cast<int>(hash));
       continue;
     }
-    if (compareInFormat(env, key, format, header->getKey(env, entry)) == 0) break;
+    const int32_t result = compareInFormat(env, key, format, header->getKey(env, entry));
+    if (result == 0) break;
+    // A key that Java refused to show ends the search: the next comparison would ask it again, with
+    // an exception pending. Only these comparisons call Java.
+    if (result < 0 && (format == OBJECT_TYPE_JBYTE_ARRAY || format == OBJECT_TYPE_JSTRING) &&
+        env->ExceptionCheck()) {
+      return nullptr;
+    }
   }
   NB_EXIT(env, "entry=%p", static_cast<void*>(entry));
   return entry;

@@ -140,8 +140,9 @@ jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_unpinToFree(JNIEnv* 
   }
   ByteBufferHeader* header = headerOfData(data);
   const int32_t pins = unpin(env, header, javaReason(reason));
-  NB_EVENT(env, "p=%p pins=%d reason=%s", static_cast<void*>(header),
-           static_cast<int>(lockRead(&header->pins)), getReason(javaReason(reason)));
+  // Without this thread's pin the header may be gone, so the count is the one that was left.
+  NB_EVENT(env, "p=%p pins=%d reason=%s", static_cast<void*>(header), pins,
+           getReason(javaReason(reason)));
   if (pins == 0) freeByteBufferData(env, header);
   NB_DEBUG_AS(env, kName, "completed. JavaBB=%p BB=%p", static_cast<void*>(buffer),
               static_cast<void*>(header));
@@ -156,6 +157,11 @@ jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_freeAllToOffHeap(JNI
   const jsize count = env->GetArrayLength(buffers);
   for (jsize i = 0; i < count; i++) {
     const LocalRef<jobject> buffer(env, env->GetObjectArrayElement(buffers, i));
+    // A virtual machine need not survive the question for the address of no object.
+    if (!buffer) {
+      if (env->ExceptionCheck()) return JNI_FALSE;
+      continue;
+    }
     Java_com_velt_rz_corvane_io_offheap_OffHeapManager_unpinToFree(
         env, self, buffer.get(), static_cast<jint>(javaReason(reason)));
   }

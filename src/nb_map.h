@@ -269,6 +269,12 @@ LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
                              bool hashCodeGiven, ByteBufferHeader* value, uint16_t revisionOwner,
                              int64_t revisionNumber, WriteOutcome* outcome = nullptr,
                              const EntryHook* hook = nullptr);
+// The same for callers that do not want the previous state: no record is made for it, and nothing
+// stays pinned or locked. With `released`, the usable bytes of the old value buffer are stored.
+WriteOutcome updateInPlace(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
+                           uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
+                           ByteBufferHeader* value, uint16_t revisionOwner, int64_t revisionNumber,
+                           uint64_t* released = nullptr, const EntryHook* hook = nullptr);
 // The removed value, pinned JNI_REMOVED_PIN for Java, or null.
 LuOffHeapValue* removeAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
                              uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,

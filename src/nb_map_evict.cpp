@@ -26,8 +26,7 @@ LuOffHeapEvictionData* allocateEvictionData(JNIEnv* env, ByteBufferHeader* key,
 
 uint32_t unpinLuOffHeapEvictionData(JNIEnv* env, LuOffHeapEvictionData* record, uint32_t reason) {
   const auto left = static_cast<uint32_t>(unpin(env, static_cast<Pinnable*>(record), reason));
-  NB_DEBUG(env, "evictData=%p, refCount=%d", static_cast<void*>(record),
-           static_cast<int>(lockRead(&record->pins)));
+  NB_DEBUG(env, "evictData=%p, refCount=%d", static_cast<void*>(record), static_cast<int>(left));
   if (left != 0) return left;
   uint64_t extra = 0;
   if (ByteBufferHeader* key = record->key; key != nullptr) {

@@ -91,7 +91,10 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getAndPinNextKey
                           next->key->deserializedType,
                           toHandle(next->key)};
   env->SetLongArrayRegion(attributes, 0, 6, words);
-  return toHandle(next);
+  if (!env->ExceptionCheck()) return toHandle(next);
+  unpinToFree(env, next->key, javaReason(reason));  // Java would never see the address
+  unpinLuOffHeapMapValue(env, next, javaReason(reason));
+  return 0;
 }
 
 jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_lockMapAndQueues(JNIEnv* env,

@@ -404,7 +404,10 @@ bool updateRevisionQueue(JNIEnv* env, LuOffHeapMap* map, LuOffHeapValue* replace
     if (!lockQueueOrRaise(env, newQueue, "lum[5]")) return false;
   }
   run.point(4);
-  if (revisionNumber != -1) value->revisionNumber = revisionNumber;
+  // The one change of a revision without the bucket set, under which the face's natives read it.
+  if (revisionNumber != -1) {
+    __atomic_store_n(&value->revisionNumber, revisionNumber, __ATOMIC_RELAXED);
+  }
   if (!appendToQueue(env, newQueue, value)) {
     NB_ERROR_GENERIC(env, kGenericErrorKey, "appendToQueue returned false lum[20]");
     restoreReplaced(env, oldQueue, newQueue, replaced);

@@ -215,16 +215,23 @@ namespace {
 
 constexpr char kUpdate[] = "updateAndPin";
 
+// What an update without a snapshot has taken out of the entry.
+struct Replaced {
+  ByteBufferHeader* buffer;  // with one LUOFFHEAPMAPVALUE_VALUE_PIN
+  uint64_t length;           // its usable bytes
+};
+
 struct Update {
   LuOffHeapMap* map;
   BucketSet* set;
   LuOffHeapValue* existing;  // pinned JNI_UPDATED_PIN
-  LuOffHeapValue* snapshot;  // its ALLOCATION_PIN
+  LuOffHeapValue* snapshot;  // its ALLOCATION_PIN; null when the update needs none
+  Replaced* replaced;        // what stands in for it then
 };
 
 // Drops both records and the bucket set. REQUIRES: the bucket set.
 void dropUpdate(JNIEnv* env, const Update& update) {
-  unpinLuOffHeapMapValue(env, update.snapshot, JNI_ROLLBACK_PIN);
+  if (update.snapshot != nullptr) unpinLuOffHeapMapValue(env, update.snapshot, JNI_ROLLBACK_PIN);
   unpinLuOffHeapMapValue(env, update.existing, JNI_ROLLBACK_PIN);
   unlockBucketSet(update.set);
 }
@@ -307,12 +314,19 @@ bool releaseMap(JNIEnv* env, const Update& update, LuOffHeapRevisionOrderQueue* 
 }
 
 // REQUIRES: the bucket set, and what keeps a walk over the queue away from the buffers. Moves the
-// old buffer to the snapshot.
-void moveValueToSnapshot(JNIEnv* env, LuOffHeapValue* existing, LuOffHeapValue* snapshot) {
+// old buffer to the snapshot, or to the caller who wants none.
+void moveValueOut(JNIEnv* env, const Update& update) {
+  LuOffHeapValue* existing = update.existing;
+  LuOffHeapValue* snapshot = update.snapshot;
+  // The pin that the table drops in the swap; the one from the buffer's insertion goes with it.
+  if (existing->value != nullptr) pin(env, existing->value, MAPENTRY_VALUE_PIN);
+  if (snapshot == nullptr) {
+    *update.replaced = {existing->value, existing->valueLength};
+    return;
+  }
   snapshot->value = existing->value;
   snapshot->valueLength = existing->valueLength;
   if (snapshot->value != nullptr) {
-    pin(env, snapshot->value, MAPENTRY_VALUE_PIN);
     snapshot->flags = static_cast<uint16_t>(snapshot->flags | HAS_VALUE);
   } else {
     snapshot->flags = static_cast<uint16_t>(snapshot->flags & ~HAS_VALUE);
@@ -326,7 +340,7 @@ bool swapValue(JNIEnv* env, jobject caller, const Update& update,
                LuOffHeapRevisionOrderQueue* queue, ByteBufferHeader* value) {
   LuOffHeapValue* existing = update.existing;
   if (lockQueue(queue) != 0) return false;
-  moveValueToSnapshot(env, existing, update.snapshot);
+  moveValueOut(env, update);
   const bool swapped =
       hashtable_update(env, caller, update.map->map, existing, value, false) != nullptr;
   if (swapped) {
@@ -378,8 +392,8 @@ bool swapValueUnderNode(JNIEnv* env, jobject caller, const Update& update,
     return false;
   }
   const bool hadValue = (existing->flags & HAS_VALUE) != 0;
-  moveValueToSnapshot(env, existing, update.snapshot);
-  if (!moveNodeToSnapshot(env, update) ||
+  moveValueOut(env, update);
+  if ((update.snapshot != nullptr && !moveNodeToSnapshot(env, update)) ||
       hashtable_update(env, caller, update.map->map, existing, value, false) == nullptr) {
     overflow_metadata_unlock(env, "rollbackup update", node);
     return false;
@@ -396,22 +410,22 @@ bool swapValueUnderNode(JNIEnv* env, jobject caller, const Update& update,
   return true;
 }
 
-}  // namespace
-
-LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
-                             uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
-                             bool isHashCodeGiven, ByteBufferHeader* value, uint16_t revisionOwner,
-                             int64_t revisionNumber, WriteOutcome* outcome, const EntryHook* hook) {
+// Both forms of an update. With `replaced`, no snapshot is made where none is needed.
+LuOffHeapValue* updateEntry(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
+                            uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
+                            bool isHashCodeGiven, ByteBufferHeader* value, uint16_t revisionOwner,
+                            int64_t revisionNumber, WriteOutcome* outcome, const EntryHook* hook,
+                            Replaced* replaced) {
   constexpr char kEnter[] =
       "luMap=%p key=%p hashCode=%d value=%p revisionOwner=%d revisionNumber=%lu withHashCode=%s";
   if (logInfo.entryExit) {
-    entry(env, __func__, kEnter, static_cast<void*>(map), static_cast<void*>(keyBuffer), hashCode,
+    entry(env, kUpdate, kEnter, static_cast<void*>(map), static_cast<void*>(keyBuffer), hashCode,
           static_cast<void*>(value), revisionOwner, static_cast<unsigned long>(revisionNumber),
           isHashCodeGiven ? "true" : "false");
   } else {
-    NB_DEBUG(env, kEnter, static_cast<void*>(map), static_cast<void*>(keyBuffer), hashCode,
-             static_cast<void*>(value), revisionOwner, static_cast<unsigned long>(revisionNumber),
-             isHashCodeGiven ? "true" : "false");
+    NB_DEBUG_AS(env, kUpdate, kEnter, static_cast<void*>(map), static_cast<void*>(keyBuffer),
+                hashCode, static_cast<void*>(value), revisionOwner,
+                static_cast<unsigned long>(revisionNumber), isHashCodeGiven ? "true" : "false");
   }
   report(outcome, WriteOutcome::failed);
   const ProfiledRun run(unp, kPositions, "updateAndGetNewAndPin", kUpdateLabels);
@@ -438,8 +452,9 @@ LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
   auto* existing = static_cast<LuOffHeapValue*>(
       hashtable_getAndPin(env, caller, map->map, key, keyFormat, &search, false, JNI_UPDATED_PIN));
   if (existing == nullptr) {
-    NB_DEBUG(env, "no entry for the specified key. searchEntry->key=%p searchEntry->hashCode=%lu",
-             static_cast<void*>(keyBuffer), static_cast<unsigned long>(hashCode));
+    NB_DEBUG_AS(env, kUpdate,
+                "no entry for the specified key. searchEntry->key=%p searchEntry->hashCode=%lu",
+                static_cast<void*>(keyBuffer), static_cast<unsigned long>(hashCode));
     unlockBucketSet(set);
     unlock(env, map);
     report(outcome, WriteOutcome::none);
@@ -450,16 +465,21 @@ LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
                                               ? newQueue
                                               : getQueue(env, map, existing->revisionOwner);
   run.point(4);
-  LuOffHeapValue* snapshot =
-      allocateLuOffHeapMapValue(env, existing->key, existing->hashCode, true, nullptr,
-                                existing->revisionOwner, existing->revisionNumber);
-  if (snapshot == nullptr) {
-    unpinLuOffHeapMapValue(env, existing, JNI_ROLLBACK_PIN);
-    unlockBucketSet(set);
-    unlock(env, map);
-    return nullptr;
+  // A copy on disk is given up through a snapshot. Whether there is one cannot change meanwhile:
+  // that takes the bucket set.
+  const bool onDisk = _isDiskOverflowEnabled && isFlagSet(on_disk, nodeOf(existing));
+  LuOffHeapValue* snapshot = nullptr;
+  if (replaced == nullptr || onDisk) {
+    snapshot = allocateLuOffHeapMapValue(env, existing->key, existing->hashCode, true, nullptr,
+                                         existing->revisionOwner, existing->revisionNumber);
+    if (snapshot == nullptr) {
+      unpinLuOffHeapMapValue(env, existing, JNI_ROLLBACK_PIN);
+      unlockBucketSet(set);
+      unlock(env, map);
+      return nullptr;
+    }
   }
-  const Update update{map, set, existing, snapshot};
+  const Update update{map, set, existing, snapshot, replaced};
   if (!leaveOldQueue(env, update, oldQueue, revisionOwner) ||
       !enterNewQueue(env, update, newQueue, revisionNumber) || !releaseMap(env, update, newQueue)) {
     return nullptr;
@@ -467,7 +487,7 @@ LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
   run.point(5);
   if (!(_isDiskOverflowEnabled ? swapValueUnderNode(env, caller, update, value)
                                : swapValue(env, caller, update, newQueue, value))) {
-    NB_DEBUG(env, "hashtable update failed.");
+    NB_DEBUG_AS(env, kUpdate, "hashtable update failed.");
     dropUpdate(env, update);
     return nullptr;
   }
@@ -477,14 +497,49 @@ LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, con
   unlockBucketSet(set);
   run.point(7);
   if (_isDiskOverflowEnabled) {
-    NB_DEBUG(env, "update completed. luValue=%p luValue->flags=%hx metadata=%p metadata->flags=%hx",
-             static_cast<void*>(existing), existing->flags, static_cast<void*>(nodeOf(existing)),
-             nodeOf(existing)->flags);
+    NB_DEBUG_AS(env, kUpdate,
+                "update completed. luValue=%p luValue->flags=%hx metadata=%p metadata->flags=%hx",
+                static_cast<void*>(existing), existing->flags, static_cast<void*>(nodeOf(existing)),
+                nodeOf(existing)->flags);
   }
-  NB_EXIT(env, "updated LuValue=%p for key=%p", static_cast<void*>(existing),
-          static_cast<void*>(keyBuffer));
+  NB_EXIT_AS(env, kUpdate, "updated LuValue=%p for key=%p", static_cast<void*>(existing),
+             static_cast<void*>(keyBuffer));
+  if (_isDiskOverflowEnabled && snapshot == nullptr) {
+    overflow_metadata_unlock(env, "Update", nodeOf(existing));
+  }
   report(outcome, WriteOutcome::done);
   return snapshot;
+}
+
+}  // namespace
+
+LuOffHeapValue* updateAndPin(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
+                             uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
+                             bool isHashCodeGiven, ByteBufferHeader* value, uint16_t revisionOwner,
+                             int64_t revisionNumber, WriteOutcome* outcome, const EntryHook* hook) {
+  return updateEntry(env, caller, map, key, keyFormat, keyBuffer, hashCode, isHashCodeGiven, value,
+                     revisionOwner, revisionNumber, outcome, hook, nullptr);
+}
+
+WriteOutcome updateInPlace(JNIEnv* env, jobject caller, LuOffHeapMap* map, const void* key,
+                           uint8_t keyFormat, ByteBufferHeader* keyBuffer, int32_t hashCode,
+                           ByteBufferHeader* value, uint16_t revisionOwner, int64_t revisionNumber,
+                           uint64_t* released, const EntryHook* hook) {
+  WriteOutcome outcome;
+  Replaced replaced = {};
+  LuOffHeapValue* snapshot =
+      updateEntry(env, caller, map, key, keyFormat, keyBuffer, hashCode, true, value, revisionOwner,
+                  revisionNumber, &outcome, hook, &replaced);
+  if (outcome != WriteOutcome::done) return outcome;
+  if (snapshot != nullptr) {
+    replaced.length = snapshot->valueLength;
+    overflow_metadata_unlock(env, "Update", nodeOf(snapshot->hashNext));
+    unpinLuOffHeapMapValue(env, snapshot, ALLOCATION_PIN);
+  } else {
+    unpinToFree(env, replaced.buffer, LUOFFHEAPMAPVALUE_VALUE_PIN);
+  }
+  if (released != nullptr) *released = replaced.length;
+  return outcome;
 }
 
 // ---- Remove --------------------------------------------------------------------------------

@@ -160,9 +160,8 @@ int32_t unpin(JNIEnv* env, ByteBufferHeader* header, uint32_t reason) {
 int32_t unpinToFree(JNIEnv* env, ByteBufferHeader* header, uint32_t reason) {
   NB_DEBUG(env, ">entry");
   const int32_t pins = unpin(env, header, reason);
-  // The count is read again: another thread may have moved it, which the record then shows.
-  NB_EVENT(env, "p=%p pins=%d reason=%s", static_cast<void*>(header),
-           static_cast<int>(lockRead(&header->pins)), getReason(reason));
+  // Without this thread's pin the header may be gone, so the count is the one that was left.
+  NB_EVENT(env, "p=%p pins=%d reason=%s", static_cast<void*>(header), pins, getReason(reason));
   if (pins == 0) freeByteBufferData(env, header);
   NB_DEBUG(env, "<exit currentRefCount=%d", pins);
   return pins;

@@ -84,14 +84,17 @@ bool invoke_deleting(JNIEnv* env, LuOffHeapValue* value);
 // is exhausted. Reads the fields only when the caller holds the node.
 char* to_string(JNIEnv* env, const char* label, overflow_metadata* node);
 void release_string(JNIEnv* env, char* text);
+// Flags change only under the node's lock. They are relaxed atomics, since whoever drops the last
+// pin looks at them before he has it: Java may drop the pin of its copy on disk while the thread
+// that told it of the deletion still holds the node.
 inline bool isFlagSet(uint16_t mask, const overflow_metadata* node) {
-  return (node->flags & mask) == mask;
+  return (__atomic_load_n(&node->flags, __ATOMIC_RELAXED) & mask) == mask;
 }
 inline void setFlag(uint16_t mask, overflow_metadata* node) {
-  node->flags = static_cast<uint16_t>(node->flags | mask);
+  __atomic_store_n(&node->flags, static_cast<uint16_t>(node->flags | mask), __ATOMIC_RELAXED);
 }
 inline void clearFlag(uint16_t mask, overflow_metadata* node) {
-  node->flags = static_cast<uint16_t>(node->flags & ~mask);
+  __atomic_store_n(&node->flags, static_cast<uint16_t>(node->flags & ~mask), __ATOMIC_RELAXED);
 }
 inline const char* bool_cast(bool value) { return value ? "true" : "false"; }
 

@@ -230,7 +230,13 @@ jlongArray Java_com_velt_rz_corvane_io_offheap_overflow_NOFStruct_lockValidAndGe
     words[2] = node->chunkSize;
     words[3] = node->nextChunkPtrOffset;
   }
-  return newLongs(env, words, kChunkWords);
+  const jlongArray result = newLongs(env, words, kChunkWords);
+  if (result == nullptr && words[0] == 1) {
+    // Java would never learn that both are held.
+    unlockBucketSet(setOf(value));
+    overflow_metadata_unlock(env, __func__, node);
+  }
+  return result;
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_overflow_NOFStruct_setChunkPtrOffset(JNIEnv*, jclass,

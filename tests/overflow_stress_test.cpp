@@ -7,14 +7,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
-#include <mutex>
 #include <random>
 #include <shared_mutex>
-#include <unordered_map>
 
 #include "com_velt_rz_corvane_nimbra_BoundedNatives.h"
 #include "com_velt_rz_corvane_nimbra_OverflowNatives.h"
+#include "disk_support.h"
 #include "face_support.h"
 #include "nb_alloc.h"
 #include "overflow_support.h"
@@ -22,130 +20,16 @@
 namespace nimbra::test::face {
 namespace {
 
-inline constexpr auto& nextEvictable =
-    Java_com_velt_rz_corvane_nimbra_OverflowNatives_nextEvictable;
-inline constexpr auto& evicted = Java_com_velt_rz_corvane_nimbra_OverflowNatives_evicted;
-inline constexpr auto& keep = Java_com_velt_rz_corvane_nimbra_OverflowNatives_keep;
+using disk::kPayloadHeader;
+using disk::Manager;
+
 inline constexpr auto& beginRead = Java_com_velt_rz_corvane_nimbra_OverflowNatives_beginRead;
 inline constexpr auto& pageInOf = Java_com_velt_rz_corvane_nimbra_OverflowNatives_pageIn;
 inline constexpr auto& unpinRecord = Java_com_velt_rz_corvane_nimbra_OverflowNatives_unpinRecord;
 
-constexpr jint kReverseMapPin = 32778;
 constexpr jlong kRoom = 80 << 10;  // bytes in use that the test's own entries may take
-constexpr jlong kSlack = 4 << 10;  // moved out beyond what is needed
 constexpr uint32_t kThreads = 8;
 constexpr uint32_t kKeysEach = 12;
-constexpr size_t kPayloadHeader = 8;
-
-// The disk: payloads by position. Positions are used again at once, so that a stale one shows.
-class Disk {
- public:
-  jlong write(const uint8_t* bytes, size_t length) {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    jlong position = next_;
-    if (!free_.empty()) {
-      position = free_.back();
-      free_.pop_back();
-    } else {
-      next_++;
-    }
-    payloads_[position].assign(bytes, bytes + length);
-    return position;
-  }
-  std::vector<uint8_t> read(jlong position) {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    const auto found = payloads_.find(position);
-    if (found == payloads_.end()) {
-      ADD_FAILURE() << "a read at position " << position << ", where nothing stands";
-      return std::vector<uint8_t>(kPayloadHeader);
-    }
-    return found->second;
-  }
-  void free(jlong position) {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    EXPECT_EQ(payloads_.erase(position), 1U) << "position " << position << " was freed before";
-    free_.push_back(position);
-  }
-  size_t live() {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    return payloads_.size();
-  }
-
- private:
-  std::mutex mutex_;
-  std::unordered_map<jlong, std::vector<uint8_t>> payloads_;
-  std::vector<jlong> free_;
-  jlong next_ = 1;
-};
-
-// What Java's overflow manager does, for all threads.
-class Manager {
- public:
-  // Called inside an allocation, with its locks held.
-  void makeRoom(ScriptedJni& jni, jlong size) {
-    if (fits(size)) return;
-    const std::lock_guard<std::mutex> guard(sweeping_);
-    drain(jni);
-    if (fits(size)) return;
-    JNIEnv* env = jni.env();
-    sweeps++;
-    cacheiter_init(env, 1, 4 * kThreads * kKeysEach, true);
-    const jlongArray out = jni.newLongArray(std::vector<jlong>(7));
-    while (getCurrentSize(env) + size + kSlack >= threshold()) {
-      const jlong record = nextEvictable(env, nullptr, out);
-      if (record == 0) break;
-      const std::vector<jlong> words = jni.longsOf(out);
-      if (words[5] == 1) {
-        evicted(env, nullptr, record, words[2], static_cast<jint>(words[3]), words[4]);
-      } else if (++candidates_ % 16 == 0) {
-        keep(env, nullptr, record);  // as after a failed write
-      } else {
-        const auto length = static_cast<size_t>(words[1]);
-        const jlong position =
-            disk.write(reinterpret_cast<const uint8_t*>(static_cast<uintptr_t>(words[0])), length);
-        evicted(env, nullptr, record, position, static_cast<jint>(length), 0);
-        pageOuts++;
-      }
-    }
-    cacheiter_dispose(env);
-  }
-  void note(const std::vector<jlong>& deleted) {
-    if ((deleted[1] & on_disk) == 0) return;
-    const std::lock_guard<std::mutex> guard(noting_);
-    deleted_.push_back({deleted[4], deleted[5]});
-  }
-  void drain(ScriptedJni& jni) {
-    for (;;) {
-      std::pair<jlong, jlong> next;
-      {
-        const std::lock_guard<std::mutex> guard(noting_);
-        if (deleted_.empty()) return;
-        next = deleted_.front();
-        deleted_.pop_front();
-      }
-      disk.free(next.second);
-      Java_com_velt_rz_corvane_io_offheap_OffHeapManager_unpinLuOffHeapValue_1native(
-          jni.env(), nullptr, next.first, kReverseMapPin);
-    }
-  }
-
-  Disk disk;
-  std::atomic<int64_t> pageOuts{0};
-  std::atomic<int64_t> pageIns{0};
-  std::atomic<int64_t> sweeps{0};
-
- private:
-  static jlong threshold() {
-    return std::min(static_cast<jlong>(getHardCapLimit()),
-                    maxOffHeapSize - static_cast<jlong>(jemallocChunkSize.load()));
-  }
-  static bool fits(jlong size) { return getCurrentSize(nullptr) + size < threshold(); }
-
-  std::mutex sweeping_;
-  std::mutex noting_;
-  std::deque<std::pair<jlong, jlong>> deleted_;
-  int64_t candidates_ = 0;
-};
 
 std::string keyOf(uint32_t number) { return "key " + std::to_string(number); }
 jint hashOf(uint32_t number) { return static_cast<jint>((number % 5) * 0x9e3779b9U); }
@@ -375,7 +259,7 @@ TEST_F(SweepStress, EveryOperationUnderConstantSweeps) {
   const auto time = std::chrono::milliseconds(
       seconds != nullptr ? std::strtol(seconds, nullptr, 10) * 1000 : 3000);
   const auto end = std::chrono::steady_clock::now() + time;
-  Manager manager;
+  Manager manager(4 * kThreads * kKeysEach);
   std::shared_mutex clearing;  // what the face's gates do
   std::atomic<bool> clearWanted{false};
   std::atomic<uint32_t> clears{0};

@@ -28,7 +28,7 @@ World& World::instance() {
 }
 
 jobject World::newHandle() {
-  const std::uintptr_t number = ++lastHandle;
+  const std::uintptr_t number = lastHandle.fetch_add(1, std::memory_order_relaxed) + 1;
   return reinterpret_cast<jobject>((number << 4) | 0x8);
 }
 
@@ -183,12 +183,7 @@ void ScriptedJni::record(LogRecord record) {
 // --- Objects ----------------------------------------------------------------------------
 
 jobject ScriptedJni::makeLocal(ObjectPtr object, bool ownedByTest) {
-  World& world = World::instance();
-  jobject handle;
-  {
-    const std::lock_guard lock(world.mutex);
-    handle = world.newHandle();
-  }
+  const jobject handle = World::instance().newHandle();
   locals_[handle] = Reference{std::move(object), ownedByTest};
   return handle;
 }

@@ -1,9 +1,10 @@
 // What all scripted environments of the process share: classes, method identifiers and
 // global references. The library keeps such handles in its own globals, so they outlive the
-// environment that made them. Everything here is guarded by the world's mutex.
+// environment that made them. Everything here is guarded by the world's mutex, but for the handles.
 
 #pragma once
 
+#include <atomic>
 #include <mutex>
 
 #include "scripted_jni.h"
@@ -15,7 +16,9 @@ struct World {
   std::map<std::string, ObjectPtr> classes;
   std::map<std::string, std::unique_ptr<Method>> methods;
   std::unordered_map<jobject, ObjectPtr> globals;
-  std::uintptr_t lastHandle = 0;
+  // No part of what the mutex guards: references are made all the time, and a lock in each would
+  // order the library's threads where the library itself does not, and hide its races.
+  std::atomic<std::uintptr_t> lastHandle{0};
 
   static World& instance();
 

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Everything that is slower or fussier than the tests: formatting of both languages, clang-tidy,
-# and the native tests under the address, undefined-behaviour and thread sanitizers. All parts
-# run; the last lines say which of them failed.
+# the native tests under the address, undefined-behaviour and thread sanitizers, and twenty seconds
+# of every operation at once. All parts run; the last lines say which of them failed.
 set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -16,7 +16,7 @@ part() {
 }
 
 shopt -s nullglob
-cpp_files=({src,tests,bench}/*.{h,cpp})
+cpp_files=({src,tests,bench,fuzz}/*.{h,cpp})
 
 tidy() {
   # The debug tree supplies the compile commands; one process a file, as they are independent.
@@ -35,6 +35,7 @@ part "Java format" tools/mvn.sh --fail-at-end spotless:check
 part "clang-tidy" tidy
 part "address and undefined-behaviour sanitizers" sanitized asan
 part "thread sanitizer" sanitized tsan
+part "stress under the thread sanitizer" tools/stress.sh 20
 
 printf '\n==== summary ====\n'
 if ((${#failures[@]} > 0)); then

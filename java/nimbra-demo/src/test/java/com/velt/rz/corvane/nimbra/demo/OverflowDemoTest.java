@@ -87,10 +87,10 @@ class OverflowDemoTest {
     @Test
     void aSmallMaximumIsNamed() throws Exception {
         Path input = files();
-        Files.write(input.resolve("a large file"), new byte[2 << 20]);
-        Ended ended = fork(OverflowDemo.class, "--input", input.toString(), "--maximum", "1M", "--values", "1");
+        Files.write(input.resolve("a large file"), new byte[12 << 20]);
+        Ended ended = fork(OverflowDemo.class, "--input", input.toString(), "--maximum", "8M", "--values", "1");
         assertEquals(2, ended.status(), ended::output);
-        assertTrue(ended.output().contains("overflow-demo: the maximum of 1048576 bytes is too small"), ended::output);
+        assertTrue(ended.output().contains("overflow-demo: the maximum of 8388608 bytes is too small"), ended::output);
     }
 
     /** One file changes after it was stored for the first time. */
