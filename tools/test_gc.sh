@@ -17,8 +17,7 @@ jdks=()
 for candidate in ${JDKS:-/usr/lib/jvm/* ${JAVA_HOME:-}}; do
   if [[ -x $candidate/bin/javac ]]; then
     jdk=$(readlink -f "$candidate")
-    version=$("$jdk/bin/java" -XshowSettings:properties -version 2>&1 |
-      sed -n 's/^ *java.specification.version = \([0-9]*\).*/\1/p')
+    version=$("$jdk/bin/java" -version 2>&1 | sed -n '1s/.* version "\([0-9]*\).*/\1/p')
     if ((version >= 17)) && [[ " ${jdks[*]} " != *" $jdk "* ]]; then
       jdks+=("$jdk")
     fi

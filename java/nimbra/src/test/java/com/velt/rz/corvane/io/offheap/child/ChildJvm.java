@@ -16,6 +16,9 @@ public final class ChildJvm {
     /** System property: the garbage collector of all children that do not choose one, as in -XX:+Use...GC. */
     private static final String COLLECTOR_PROPERTY = "nimbra.test.collector";
 
+    /** From this version on, or a later one, native code that nobody allowed draws a warning into the output. */
+    private static final int WARNS_OF_NATIVE_ACCESS = 22;
+
     private static final long MINUTES = 10;
 
     /** How the child ended, and its standard output and error in one text. */
@@ -34,6 +37,9 @@ public final class ChildJvm {
     public static Result runRaw(List<String> options, String mainClass, String... arguments) {
         List<String> command = new ArrayList<>();
         command.add(Path.of(System.getProperty("java.home"), "bin", "java").toString());
+        if (Runtime.version().feature() >= WARNS_OF_NATIVE_ACCESS) {
+            command.add("--enable-native-access=ALL-UNNAMED");
+        }
         command.addAll(options);
         String collector = System.getProperty(COLLECTOR_PROPERTY);
         if (collector != null && options.stream().noneMatch(option -> option.matches("-XX:\\+Use\\w+GC"))) {
