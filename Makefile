@@ -109,6 +109,7 @@ soak: native
 fuzz: ## run every fuzz target for a while (SECONDS=N for each)
 fuzz: setup-check native build/fuzz/build.ninja
 	@tools/fuzz.sh $(SECONDS)
+
 sbom: ## write the bills of materials of a release to build/sbom
 sbom: java
 	@JEMALLOC_ROOT="$(JEMALLOC_ROOT)" tools/sbom.sh
