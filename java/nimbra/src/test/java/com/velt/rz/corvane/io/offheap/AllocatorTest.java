@@ -46,7 +46,9 @@ class AllocatorTest extends NativeTestBase {
         free(block);
         assertTrue(with - before >= 8 << 20, () -> "grew by " + (with - before));
         assertTrue(with - before < 12 << 20, () -> "grew by " + (with - before));
-        assertEquals(before, MANAGER.getAllocatingSizeInOffHeap());
+        // What the thread cache kept of other tests' blocks may go back meanwhile: some pages, not megabytes.
+        long after = MANAGER.getAllocatingSizeInOffHeap();
+        assertTrue(after <= before && before - after < 1 << 20, () -> before + " before, " + after + " after");
         assertEquals(0, before % 4096, "whole pages");
     }
 
