@@ -53,6 +53,11 @@ ifneq ($(SETUP),no)
 	@tools/setup.sh check
 endif
 
+peers-setup:
+ifneq ($(SETUP),no)
+	@tools/setup.sh peers
+endif
+
 jemalloc: packages
 ifeq ($(JEMALLOC_ROOT),$(CURDIR)/build/jemalloc)
 	@tools/build_jemalloc.sh
@@ -77,7 +82,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-stores check format soak fuzz test-gc sbom dependencies
+.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-stores bench-peers check format soak fuzz test-gc sbom dependencies
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -137,6 +142,10 @@ bench: java
 bench-stores: ## measure stores for values on disk (ARGS="--values N --rounds N")
 bench-stores: java
 	@tools/bench_stores.sh $(ARGS)
+
+bench-peers: ## measure the map beside OHC, Chronicle Map, Ehcache, Infinispan and others (ARGS=--quick)
+bench-peers: java peers-setup
+	@tools/bench_peers.sh peers $(ARGS)
 
 check: ## formatting, clang-tidy, the native tests under the sanitizers, and a short stress
 check: setup-check build/debug/build.ninja build/asan/build.ninja build/tsan/build.ninja
