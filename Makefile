@@ -82,7 +82,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-stores bench-peers check format soak fuzz test-gc sbom dependencies
+.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-stores bench-peers bench-scale check format soak fuzz test-gc sbom dependencies
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -146,6 +146,11 @@ bench-stores: java
 bench-peers: ## measure the map beside OHC, Chronicle Map, Ehcache, Infinispan and others (ARGS=--quick)
 bench-peers: java peers-setup
 	@tools/bench_peers.sh peers $(ARGS)
+
+bench-scale: ## measure get, put and memory from 10,000 to 10,000,000 entries (ARGS=--quick)
+bench-scale: java peers-setup
+	@cmake --build --preset bench --parallel $(JOBS)
+	@tools/bench_peers.sh scale $(ARGS)
 
 check: ## formatting, clang-tidy, the native tests under the sanitizers, and a short stress
 check: setup-check build/debug/build.ninja build/asan/build.ninja build/tsan/build.ninja

@@ -44,10 +44,15 @@ final class Svg {
                 x, y, anchor, size, escaped(text));
     }
 
-    /** Writes one coloured name after the other. */
-    void legend(double x, double y, List<String> names) {
+    /** Writes one coloured name after the other, in a second line what does not fit into the first. */
+    void legend(double x, double top, List<String> names) {
         double at = x;
+        double y = top;
         for (int i = 0; i < names.size(); i++) {
+            if (at + 14 + 7 * names.get(i).length() > width) {
+                at = x;
+                y += 15;
+            }
             bar(at, y - 9, 10, 10, colour(i));
             text(at + 14, y, "start", 12, names.get(i));
             at += 34 + 7 * names.get(i).length();
