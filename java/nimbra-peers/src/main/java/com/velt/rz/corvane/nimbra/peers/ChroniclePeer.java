@@ -7,8 +7,8 @@ import net.openhft.chronicle.map.ExternalMapQueryContext;
 import net.openhft.chronicle.map.MapEntry;
 
 /**
- * Chronicle Map in memory. The number of entries and the sizes are given as its tutorial asks; keys and values have one
- * length each, so both are given by sample. Writes return no old value, which the tutorial calls the faster choice.
+ * Chronicle Map in memory. The number of entries is given without a margin, as its tutorial asks; keys and values have
+ * one length each, so both are given by sample. Writes return no old value, which is an option of its builder.
  * {@code get} makes the fresh array itself; {@code read} uses a query context and its lock.
  */
 final class ChroniclePeer implements PeerStore {
