@@ -62,7 +62,7 @@ final class EhcachePeer implements PeerStore {
      * which the size check after filling would find.
      */
     static long poolMegabytes(Sizing sizing) {
-        return 64 + (sizing.bytes(ENTRY_OVERHEAD) * 3 / 2 >> 20);
+        return 16 + (sizing.bytes(ENTRY_OVERHEAD) * 3 / 2 >> 20);
     }
 
     @Override

@@ -25,9 +25,6 @@ import org.openjdk.jmh.runner.options.TimeValue;
  * measurement. So the process is the fork: JMH runs all workloads of one store in it, one after the other.
  */
 public final class PeerProcess {
-    private static final int REHEARSALS = 30;
-    private static final int REHEARSED_ENTRIES = 2_000;
-
     private PeerProcess() {}
 
     /** Measures. The arguments are the files of the plan and of the outcome. */
@@ -48,7 +45,7 @@ public final class PeerProcess {
         Session session = new Session(plan, new Keys(plan.entries(), plan.valueBytes(), workloads));
         session.begin();
         try {
-            session.rehearse(REHEARSALS, REHEARSED_ENTRIES);
+            session.rehearse();
             Memory before = Memory.now();
             session.renew();
             session.fill();
@@ -77,7 +74,7 @@ public final class PeerProcess {
                 .include("\\Q" + PeerBenchmarks.class.getName() + "." + workload.method() + "\\E$")
                 .forks(0)
                 .threads(threads)
-                .warmupIterations(passes ? 1 : plan.warmups())
+                .warmupIterations(passes ? Math.max(1, plan.passes() / 2) : plan.warmups())
                 .measurementIterations(passes ? plan.passes() : plan.iterations())
                 .warmupTime(TimeValue.milliseconds(plan.milliseconds()))
                 .measurementTime(TimeValue.milliseconds(plan.milliseconds()))

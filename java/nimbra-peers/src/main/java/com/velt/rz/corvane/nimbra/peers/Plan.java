@@ -13,7 +13,7 @@ import java.util.List;
  * @param warmups unmeasured iterations before each workload
  * @param iterations measured ones
  * @param milliseconds length of an iteration
- * @param passes measured passes of insert, after one unmeasured
+ * @param passes measured passes of insert, after half as many unmeasured ones and at least one
  */
 record Plan(
         String impl,

@@ -5,6 +5,11 @@ package com.velt.rz.corvane.nimbra.peers;
  * number of entries as it is. Used by one thread at a time.
  */
 final class Session {
+    private static final int REHEARSED_STORES = 4;
+    private static final int REHEARSED_OPERATIONS = 20_000;
+    private static final int LEAST_REHEARSED = 100;
+    private static final int MOST_REHEARSED = 2_000;
+
     private static Session current;
 
     private final Peer peer;
@@ -63,18 +68,31 @@ final class Session {
         }
     }
 
-    /** Lets the compilers and class loaders do their work on stores so small that they hardly count as memory. */
-    void rehearse(int rounds, int entries) {
+    /**
+     * Lets the compilers and class loaders do their work, on stores of a hundredth of the size, so that what an
+     * allocator keeps of them hardly counts as memory.
+     */
+    void rehearse() {
+        int entries = Math.max(LEAST_REHEARSED, Math.min(MOST_REHEARSED, keys.entries() / 100));
         Sizing small = new Sizing(entries, sizing.keyBytes(), sizing.valueBytes());
-        for (int round = 0; round < rounds; round++) {
+        for (int i = 0; i < REHEARSED_STORES; i++) {
             try (PeerStore rehearsed = peer.open(small)) {
-                for (int i = 0; i < Math.min(entries, keys.entries()); i++) {
-                    rehearsed.put(keys.toInsert(i), keys.value(i));
-                    if (rehearsed.get(keys.toInsert(i)) == null) {
-                        throw Words.missing();
-                    }
+                for (int operations = 0; operations < REHEARSED_OPERATIONS; operations += entries) {
+                    rehearse(rehearsed, entries);
                 }
             }
+        }
+    }
+
+    private void rehearse(PeerStore rehearsed, int entries) {
+        for (int i = 0; i < entries; i++) {
+            rehearsed.put(keys.toInsert(i), keys.value(i));
+        }
+        for (int i = 0; i < entries; i++) {
+            if (rehearsed.get(keys.toInsert(i)) == null) {
+                throw Words.missing();
+            }
+            rehearsed.remove(keys.toInsert(i));
         }
     }
 }
