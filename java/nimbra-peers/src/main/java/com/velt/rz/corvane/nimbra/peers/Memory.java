@@ -5,6 +5,8 @@ import java.io.UncheckedIOException;
 import java.lang.management.ManagementFactory;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.concurrent.TimeUnit;
+import java.util.concurrent.locks.LockSupport;
 import javax.management.JMException;
 import javax.management.ObjectName;
 
@@ -20,14 +22,31 @@ import javax.management.ObjectName;
  */
 record Memory(long heapBytes, long residentBytes) {
     private static final Path STATUS = Path.of("/proc/self/status");
+    private static final int MOST_LOOKS = 30;
+    private static final int CALM_LOOKS = 3;
+    private static final long CALM_BYTES = 256L << 10;
+    private static final long LOOK_MILLISECONDS = 100;
     private static final Path MACHINE = Path.of("/proc/meminfo");
 
     static Memory now() {
         System.gc();
         System.gc();
         long heap = ManagementFactory.getMemoryMXBean().getHeapMemoryUsage().getUsed();
-        trimNativeHeap();
-        return new Memory(heap, kibibytes(STATUS, "VmRSS:") << 10);
+        return new Memory(heap, settledResidentBytes());
+    }
+
+    /** Waits until the JVM's compilers, which take and free tens of MiB, have nothing more to do. */
+    private static long settledResidentBytes() {
+        long bytes = Long.MAX_VALUE;
+        int calm = 0;
+        for (int look = 0; look < MOST_LOOKS && calm < CALM_LOOKS; look++) {
+            trimNativeHeap();
+            long now = kibibytes(STATUS, "VmRSS:") << 10;
+            calm = Math.abs(now - bytes) < CALM_BYTES ? calm + 1 : 0;
+            bytes = now;
+            LockSupport.parkNanos(TimeUnit.MILLISECONDS.toNanos(LOOK_MILLISECONDS));
+        }
+        return bytes;
     }
 
     /** Returns the memory that processes can still get from the machine, in MiB. */

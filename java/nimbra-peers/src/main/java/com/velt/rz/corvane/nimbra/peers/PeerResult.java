@@ -23,6 +23,7 @@ import org.openjdk.jmh.util.ListStatistics;
  *     iterations
  * @param heapBytes Java heap that filling the store took, the median over the processes
  * @param nativeBytes native memory that filling the store took, the median over the processes
+ * @param ownBytes native memory by the first process's store's own account, or -1; no part of the JSON
  */
 record PeerResult(
         String workload,
@@ -33,7 +34,8 @@ record PeerResult(
         double opsPerSecond,
         double error,
         long heapBytes,
-        long nativeBytes) {
+        long nativeBytes,
+        long ownBytes) {
 
     private static final double CONFIDENCE = 0.95;
 
@@ -59,7 +61,8 @@ record PeerResult(
                     all.getPercentile(50),
                     all.getN() < 2 ? Double.NaN : all.getMeanErrorAt(CONFIDENCE),
                     heapBytes,
-                    nativeBytes));
+                    nativeBytes,
+                    outcomes.get(0).ownBytes()));
         }
         return results;
     }
@@ -80,7 +83,7 @@ record PeerResult(
         return (double) (heapBytes + nativeBytes) / entries - Keys.KEY_BYTES - valueBytes;
     }
 
-    /** Writes a list of objects whose fields are those of this record; NaN becomes null. */
+    /** Writes a list of objects whose fields are named as those of this record; NaN becomes null. */
     static void writeJson(Path file, List<PeerResult> results) throws IOException {
         List<Map<String, Object>> objects = new ArrayList<>();
         for (PeerResult result : results) {

@@ -96,8 +96,8 @@ final class PeerTables {
         List<String> lines = new ArrayList<>();
         lines.add("**Memory**: bytes for each entry of the filled store");
         lines.add("");
-        lines.add("| value B | store | Java heap | native | both, beyond key and value |");
-        lines.add("|--:|---|--:|--:|--:|");
+        lines.add("| value B | store | Java heap | native | both, beyond key and value | native by its own account |");
+        lines.add("|--:|---|--:|--:|--:|--:|");
         results.stream().map(PeerResult::valueBytes).distinct().sorted().forEach(valueBytes -> {
             for (Peer peer : Peer.values()) {
                 results.stream()
@@ -105,12 +105,16 @@ final class PeerTables {
                         .findFirst()
                         .ifPresent(result -> lines.add(String.format(
                                 Locale.ROOT,
-                                "| %d | %s | %.0f | %.0f | %.0f |",
+                                "| %d | %s | %.0f | %.0f | %.0f | %s |",
                                 valueBytes,
                                 peer.label(),
                                 (double) result.heapBytes() / result.entries(),
                                 (double) result.nativeBytes() / result.entries(),
-                                result.overheadPerEntry())));
+                                result.overheadPerEntry(),
+                                result.ownBytes() < 0
+                                        ? "-"
+                                        : String.format(
+                                                Locale.ROOT, "%.0f", (double) result.ownBytes() / result.entries()))));
             }
         });
         lines.add("");

@@ -104,8 +104,7 @@ class PeerStoreTest {
                 store.put(key(number), value(new Random(number)));
             }
             long bytes = store.nativeBytes();
-            boolean keepsNone = peer.onHeap() || peer == Peer.INFINISPAN;
-            assertTrue(keepsNone ? bytes == -1 : bytes >= (long) KEYS * (Keys.KEY_BYTES + VALUE_BYTES), "" + bytes);
+            assertTrue(peer.onHeap() ? bytes == -1 : bytes >= (long) KEYS * (Keys.KEY_BYTES + VALUE_BYTES), "" + bytes);
         }
     }
 
