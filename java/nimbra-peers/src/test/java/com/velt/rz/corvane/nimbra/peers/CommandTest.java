@@ -1,7 +1,7 @@
 package com.velt.rz.corvane.nimbra.peers;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
-import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.fasterxml.jackson.jr.ob.JSON;
@@ -154,13 +154,12 @@ class CommandTest {
     }
 
     @Test
-    void scaleSaysThatTheNativeProgramFailed() throws Exception {
+    void saysThatTheNativeProgramFailed() throws Exception {
         Path program = folder.resolve("program");
         Files.writeString(program, "#!/bin/sh\nexit 3\n");
         assertTrue(program.toFile().setExecutable(true));
-        scale("--quick", "--entries", "1000", "--impls", "concurrent-hash-map", "--native", program.toString());
-        String table = Files.readString(folder.resolve("scale.md"));
-        assertTrue(table.contains("- program, 1,000 entries of 64 bytes: program ended with status 3"), table);
-        assertFalse(table.contains("unordered_map"), table);
+        NativeScale natives = new NativeScale(program);
+        Exception failed = assertThrows(Launcher.NotMeasuredException.class, () -> natives.run(1000, 64));
+        assertEquals("program ended with status 3", failed.getMessage());
     }
 }

@@ -18,7 +18,7 @@ import org.junit.jupiter.params.provider.EnumSource;
 class PeerStoreTest {
     private static final int KEYS = 300;
     private static final int VALUE_BYTES = 64;
-    private static final int OPERATIONS = 20_000;
+    private static final int OPERATIONS = 10_000;
     private static final Sizing SIZING = new Sizing(1_000, Keys.KEY_BYTES, VALUE_BYTES);
 
     private static byte[] key(int number) {
