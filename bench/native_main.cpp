@@ -70,21 +70,42 @@ class Walk {
   size_t atAbsent_ = 0;
 };
 
+// How the operations of a batch follow each other. Apart: each begins when the one before it has
+// completed, as for a caller who needs the answer, so that an operation takes its misses in full.
+// Overlapped: the processor may work ahead, which it does the further the shorter an operation is.
+enum class Pace { apart, overlapped };
+
 // One batch of an operation: what makes it possible, itself, and what undoes it. Only itself is
 // timed, or counted.
 struct Operation {
   std::string name;
   std::function<const Request*(size_t count)> prepare;
-  std::function<void(const Request* first, size_t count)> run;
-  std::function<void(const Request* first, size_t count)> undo;
+  std::function<void(const Request* first, size_t count, Pace pace)> run;
+  std::function<void(const Request* first, size_t count, Pace pace)> undo;
 };
 
-template <typename Store, void (Store::*Do)(const Request&)>
-__attribute__((noinline)) void runAll(Store& store, const Request* first, size_t count) {
-  for (size_t i = 0; i < count; i++) (store.*Do)(first[i]);
+// Waits until everything before it has completed, and lets nothing behind it begin.
+void waitForCompletion() {
+#if defined(__x86_64__)
+  __builtin_ia32_lfence();
+#elif defined(__aarch64__)
+  asm volatile("dsb ld\n\tisb" ::: "memory");
+#endif
 }
 
-void nothing(const Request*, size_t) {}
+template <typename Store, void (Store::*Do)(const Request&)>
+__attribute__((noinline)) void runAll(Store& store, const Request* first, size_t count, Pace pace) {
+  if (pace == Pace::apart) {
+    for (size_t i = 0; i < count; i++) {
+      (store.*Do)(first[i]);
+      waitForCompletion();
+    }
+  } else {
+    for (size_t i = 0; i < count; i++) (store.*Do)(first[i]);
+  }
+}
+
+void nothing(const Request*, size_t, Pace) {}
 
 // The five operations of a store, under "operation<tab>road".
 template <typename Store>
@@ -92,24 +113,24 @@ std::vector<Operation> operationsOf(const std::string& road, std::shared_ptr<Sto
                                     std::shared_ptr<Walk> walk) {
   const auto present = [walk](size_t count) { return walk->present(count); };
   const auto absent = [walk](size_t count) { return walk->absent(count); };
-  const auto getHits = [store](const Request* first, size_t count) {
-    runAll<Store, &Store::getHit>(*store, first, count);
+  const auto getHits = [store](const Request* first, size_t count, Pace pace) {
+    runAll<Store, &Store::getHit>(*store, first, count, pace);
   };
-  const auto getMisses = [store](const Request* first, size_t count) {
-    runAll<Store, &Store::getMiss>(*store, first, count);
+  const auto getMisses = [store](const Request* first, size_t count, Pace pace) {
+    runAll<Store, &Store::getMiss>(*store, first, count, pace);
   };
-  const auto updates = [store](const Request* first, size_t count) {
-    runAll<Store, &Store::update>(*store, first, count);
+  const auto updates = [store](const Request* first, size_t count, Pace pace) {
+    runAll<Store, &Store::update>(*store, first, count, pace);
   };
-  const auto removals = [store](const Request* first, size_t count) {
-    runAll<Store, &Store::remove>(*store, first, count);
+  const auto removals = [store](const Request* first, size_t count, Pace pace) {
+    runAll<Store, &Store::remove>(*store, first, count, pace);
   };
-  const auto inserts = [store](const Request* first, size_t count) {
-    runAll<Store, &Store::insert>(*store, first, count);
+  const auto inserts = [store](const Request* first, size_t count, Pace pace) {
+    runAll<Store, &Store::insert>(*store, first, count, pace);
   };
   const auto removed = [present, removals](size_t count) {
     const Request* first = present(count);
-    removals(first, count);
+    removals(first, count, Pace::overlapped);
     return first;
   };
   return {
@@ -192,14 +213,15 @@ double processorSeconds() {
 }
 
 // Registers the operation; one iteration is one batch.
-void measureOperation(const Operation& operation, size_t batch) {
-  benchmark::RegisterBenchmark(operation.name.c_str(), [operation, batch](benchmark::State& state) {
+void measureOperation(const Operation& operation, size_t batch, Pace pace) {
+  const std::string name = operation.name + (pace == Pace::apart ? "" : ", overlapped");
+  benchmark::RegisterBenchmark(name.c_str(), [operation, batch, pace](benchmark::State& state) {
     for (auto _ : state) {
       const Request* first = operation.prepare(batch);
       const double start = processorSeconds();
-      operation.run(first, batch);
+      operation.run(first, batch, pace);
       state.SetIterationTime(processorSeconds() - start);
-      operation.undo(first, batch);
+      operation.undo(first, batch, Pace::overlapped);
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * batch));
   })->UseManualTime();
@@ -292,8 +314,8 @@ struct Stores {
 
 int measureCase(Case wanted, std::vector<char*> arguments) {
   static char interleaving[] = "--benchmark_enable_random_interleaving=true";
-  static char repetitions[] = "--benchmark_repetitions=9";
-  static char minimumTime[] = "--benchmark_min_time=0.1";
+  static char repetitions[] = "--benchmark_repetitions=7";
+  static char minimumTime[] = "--benchmark_min_time=0.06";
   // First, so that the command line has the last word.
   arguments.insert(arguments.begin() + 1, {interleaving, repetitions, minimumTime});
   int count = static_cast<int>(arguments.size());
@@ -302,7 +324,9 @@ int measureCase(Case wanted, std::vector<char*> arguments) {
 
   const Stores stores(wanted);
   for (const Operation& operation : stores.operations()) {
-    measureOperation(operation, stores.walk->batch());
+    for (const Pace pace : {Pace::apart, Pace::overlapped}) {
+      measureOperation(operation, stores.walk->batch(), pace);
+    }
   }
   const uint64_t dataBytes =
       uint64_t{wanted.entries} *
@@ -343,12 +367,12 @@ int countCase(Case wanted) {
         CALLGRIND_START_INSTRUMENTATION;
         CALLGRIND_ZERO_STATS;
       }
-      operation.run(first, batch);
+      operation.run(first, batch, Pace::overlapped);
       if (counted) {
         CALLGRIND_DUMP_STATS_AT(operation.name.c_str());
         CALLGRIND_STOP_INSTRUMENTATION;
       }
-      operation.undo(first, batch);
+      operation.undo(first, batch, Pace::overlapped);
     }
     std::printf("counted\t%u\t%u\t%s\t%zu\n", wanted.entries, wanted.valueBytes,
                 operation.name.c_str(), batch);
