@@ -13,8 +13,6 @@
 #include <valgrind/callgrind.h>
 #endif
 
-#include <time.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -83,15 +81,6 @@ struct Operation {
   std::function<void(const Request* first, size_t count, Pace pace)> run;
   std::function<void(const Request* first, size_t count, Pace pace)> undo;
 };
-
-// Waits until everything before it has completed, and lets nothing behind it begin.
-void waitForCompletion() {
-#if defined(__x86_64__)
-  __builtin_ia32_lfence();
-#elif defined(__aarch64__)
-  asm volatile("dsb ld\n\tisb" ::: "memory");
-#endif
-}
 
 template <typename Store, void (Store::*Do)(const Request&)>
 __attribute__((noinline)) void runAll(Store& store, const Request* first, size_t count, Pace pace) {
@@ -205,12 +194,6 @@ class Chase {
 };
 
 // ---- Measurement ---------------------------------------------------------------------------
-
-double processorSeconds() {
-  timespec now;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
 
 // Registers the operation; one iteration is one batch.
 void measureOperation(const Operation& operation, size_t batch, Pace pace) {

@@ -1,5 +1,7 @@
 #include "native_workload.h"
 
+#include <time.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -59,14 +61,23 @@ ScriptedArray& scratchArray() {
   return array;
 }
 
+Request requestOf(uint64_t index) {
+  return {{mixed(index), index}, static_cast<uint32_t>(mixed(~index))};
+}
+
 std::vector<Request> requestsFor(uint32_t first, uint32_t count) {
   std::vector<Request> requests(count);
   for (uint32_t i = 0; i < count; i++) {
-    const uint64_t index = uint64_t{first} + i;
-    requests[i] = {{mixed(index), index}, static_cast<uint32_t>(mixed(~index))};
+    requests[i] = requestOf(uint64_t{first} + i);
   }
   std::shuffle(requests.begin(), requests.end(), std::mt19937_64(count));
   return requests;
+}
+
+double processorSeconds() {
+  timespec now;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
 void giveUp(const char* what) {

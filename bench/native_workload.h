@@ -34,8 +34,21 @@ struct Request {
   uint32_t hash;
 };
 
+Request requestOf(uint64_t index);
 // The requests for keys first ... first + count - 1, in one random order.
 std::vector<Request> requestsFor(uint32_t first, uint32_t count);
+
+// Waits until everything before it has completed, and lets nothing behind it begin.
+inline void waitForCompletion() {
+#if defined(__x86_64__)
+  __builtin_ia32_lfence();
+#elif defined(__aarch64__)
+  asm volatile("dsb ld\n\tisb" ::: "memory");
+#endif
+}
+
+// Processor time of the calling thread.
+double processorSeconds();
 
 [[noreturn]] void giveUp(const char* what);
 
