@@ -138,6 +138,10 @@ bench-native: ## the native roads beside their floors, instructions counted (ARG
 bench-native: native
 	@SETUP=$(SETUP) tools/bench_native.sh $(ARGS)
 
+bench-pauses: ## pauses and response times with GiB of live entries (ARGS="--gigabytes N --docs DIR")
+bench-pauses: java
+	@tools/bench_pauses.sh $(ARGS)
+
 bench-stores: ## measure stores for values on disk (ARGS="--values N --rounds N")
 bench-stores: java
 	@tools/bench_stores.sh $(ARGS)
