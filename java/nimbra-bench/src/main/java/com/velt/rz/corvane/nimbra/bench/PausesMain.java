@@ -3,6 +3,7 @@ package com.velt.rz.corvane.nimbra.bench;
 import com.velt.rz.corvane.nimbra.bench.PauseCell.Collector;
 import java.io.IOException;
 import java.io.PrintStream;
+import java.io.PrintWriter;
 import java.io.Reader;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -101,7 +102,10 @@ public final class PausesMain implements Callable<Integer> {
     }
 
     static int execute(PrintStream out, PrintStream err, String... arguments) {
-        return new CommandLine(new PausesMain(out, err)).execute(arguments);
+        return new CommandLine(new PausesMain(out, err))
+                .setOut(new PrintWriter(out, true))
+                .setErr(new PrintWriter(err, true))
+                .execute(arguments);
     }
 
     @Override
