@@ -61,6 +61,12 @@ public final class PausesMain implements Callable<Integer> {
             description = "Threads that share the load; ${DEFAULT-VALUE} by default.")
     private int threads;
 
+    @Option(
+            names = "--warm-up",
+            paramLabel = "N",
+            description = "Seconds under load before anything is recorded; 15 by default.")
+    private Integer warmUp;
+
     @Option(names = "--seconds", paramLabel = "N", description = "Recorded seconds of each process; 45 by default.")
     private Integer seconds;
 
@@ -112,13 +118,14 @@ public final class PausesMain implements Callable<Integer> {
     public Integer call() throws IOException, InterruptedException {
         double size = gigabytes != null ? gigabytes : quick ? 0.25 : 4;
         int recorded = seconds != null ? seconds : quick ? 5 : 45;
-        String wrong = whatIsWrong(size, recorded);
+        int unrecorded = warmUp != null ? warmUp : quick ? 2 : 15;
+        String wrong = whatIsWrong(size, unrecorded, recorded);
         if (wrong != null) {
             err.println("pauses: " + wrong);
             return 2;
         }
         long entries = (long) (size * (1L << 30) / valueBytes);
-        PauseLoad load = new PauseLoad((int) entries, valueBytes, rate, threads, quick ? 2 : 15, recorded);
+        PauseLoad load = new PauseLoad((int) entries, valueBytes, rate, threads, unrecorded, recorded);
         Path details = Files.createDirectories(output.resolve("pauses"));
         List<PauseResult> results = new ArrayList<>();
         boolean failed = false;
@@ -136,7 +143,7 @@ public final class PausesMain implements Callable<Integer> {
         return failed ? 1 : 0;
     }
 
-    private String whatIsWrong(double size, int recorded) {
+    private String whatIsWrong(double size, int unrecorded, int recorded) {
         if (valueBytes < 1 || valueBytes > 1 << 20) {
             return "--value-bytes is " + valueBytes + ", has to be between 1 and 1048576";
         }
@@ -151,6 +158,9 @@ public final class PausesMain implements Callable<Integer> {
         }
         if (rate < threads || rate > 10_000_000) {
             return "--rate is " + rate + ", has to be between the number of threads and 10000000";
+        }
+        if (unrecorded < 0 || unrecorded > MOST_SECONDS) {
+            return "--warm-up is " + unrecorded + ", has to be between 0 and " + MOST_SECONDS;
         }
         if (recorded < 1 || recorded > MOST_SECONDS) {
             return "--seconds is " + recorded + ", has to be between 1 and " + MOST_SECONDS;
@@ -253,10 +263,11 @@ public final class PausesMain implements Callable<Integer> {
         Files.writeString(output.resolve("pauses.json"), PauseReport.json(results));
         Files.writeString(output.resolve(CHART), chart);
         if (docs != null) {
-            Files.writeString(docs.resolve(CHART), chart);
+            Path images = Files.createDirectories(docs.resolve("images"));
+            Files.writeString(images.resolve(CHART), chart);
             List<String> section = new ArrayList<>(table);
             section.add("");
-            section.add("![Response times by percentile](" + CHART + ")");
+            section.add("![Response times by percentile](images/" + CHART + ")");
             GeneratedPart.replace(docs.resolve("performance.md"), BEGIN, END, section);
         }
         out.println();

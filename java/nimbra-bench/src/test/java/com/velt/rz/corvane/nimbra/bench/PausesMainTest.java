@@ -36,6 +36,7 @@ class PausesMainTest {
         "--threads, 0, --threads is 0",
         "--rate, 0, --rate is 0",
         "--seconds, -3, --seconds is -3",
+        "--warm-up, 3601, --warm-up is 3601",
         "--small-heap, 8, --small-heap is 8",
         "--gigabytes, many, 'many'",
         "--gigabites, 3, Unknown option",
