@@ -13,19 +13,20 @@ record PauseCell(PauseStore store, Collector collector, PauseLoad load, long hea
     /** What the virtual machine, its threads and the collector's tables take in addition, roughly. */
     private static final long PROCESS_BYTES = 384L << 20;
 
-    /** A collector, and what of the live bytes it wants as heap: ZGC works while the load allocates. */
+    /** What a store on the heap gets of the bytes that live there, to leave its collector room to work. */
+    private static final double HEAP_FACTOR = 1.5;
+
+    /** A collector of the virtual machine. */
     enum Collector {
-        G1("G1", "-XX:+UseG1GC", 1.5),
-        ZGC("ZGC", "-XX:+UseZGC", 2);
+        G1("G1", "-XX:+UseG1GC"),
+        ZGC("ZGC", "-XX:+UseZGC");
 
         private final String title;
         private final String option;
-        private final double heapFactor;
 
-        Collector(String title, String option, double heapFactor) {
+        Collector(String title, String option) {
             this.title = title;
             this.option = option;
-            this.heapFactor = heapFactor;
         }
 
         String title() {
@@ -41,7 +42,7 @@ record PauseCell(PauseStore store, Collector collector, PauseLoad load, long hea
         if (!store.onHeap()) {
             return new PauseCell(store, collector, load, smallHeapBytes, load.liveBytes());
         }
-        long heap = (long) (load.liveBytes() * collector.heapFactor) + smallHeapBytes;
+        long heap = (long) (load.liveBytes() * HEAP_FACTOR) + smallHeapBytes;
         return new PauseCell(store, collector, load, heap >> 20 << 20, 0);
     }
 

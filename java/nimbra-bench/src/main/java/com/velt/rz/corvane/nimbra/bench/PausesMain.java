@@ -50,7 +50,7 @@ public final class PausesMain implements Callable<Integer> {
     @Option(
             names = "--rate",
             paramLabel = "N",
-            defaultValue = "20000",
+            defaultValue = "50000",
             description = "Operations a second; ${DEFAULT-VALUE} by default.")
     private int rate;
 
