@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Measures pauses and response times with many live entries, off the heap and on it. Arguments go to
-# the program: --quick, --gigabytes, --seconds, --rate, --threads, --value-bytes, --docs.
+# the program: --quick, --gigabytes, --warm-up, --seconds, --rate, --threads, --value-bytes, --docs.
 # pauses.md, pauses.json and pauses.svg stay in build/bench, logs in build/bench/pauses.
 set -euo pipefail
 
