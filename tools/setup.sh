@@ -3,6 +3,7 @@
 #
 #   tools/setup.sh          what build, test, demo and bench need
 #   tools/setup.sh check    also what the linters and the second compiler need
+#   tools/setup.sh profile  also what counts instructions
 #
 # A run that finds everything in place asks dpkg's database once and touches nothing.
 set -euo pipefail
@@ -14,6 +15,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 check_packages=(clang clang-format clang-tidy libclang-rt-14-dev)
+profile_packages=(valgrind perl)
 
 die() {
   printf 'setup: %s\n' "$*" >&2
@@ -23,7 +25,8 @@ die() {
 case "${1:-}" in
   "") ;;
   check) packages+=("${check_packages[@]}") ;;
-  *) die "unknown argument '$1' (expected nothing, or 'check')" ;;
+  profile) packages+=("${profile_packages[@]}") ;;
+  *) die "unknown argument '$1' (expected nothing, 'check' or 'profile')" ;;
 esac
 
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
