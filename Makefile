@@ -53,6 +53,11 @@ ifneq ($(SETUP),no)
 	@tools/setup.sh check
 endif
 
+peers-setup:
+ifneq ($(SETUP),no)
+	@tools/setup.sh peers
+endif
+
 jemalloc: packages
 ifeq ($(JEMALLOC_ROOT),$(CURDIR)/build/jemalloc)
 	@tools/build_jemalloc.sh
@@ -77,7 +82,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-native bench-pauses bench-stores check format soak fuzz test-gc sbom dependencies
+.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-native bench-pauses bench-peers bench-scale bench-stores check format soak fuzz test-gc sbom dependencies
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -145,6 +150,15 @@ bench-pauses: java
 bench-stores: ## measure stores for values on disk (ARGS="--values N --rounds N")
 bench-stores: java
 	@tools/bench_stores.sh $(ARGS)
+
+bench-peers: ## measure the map beside OHC, Chronicle Map, Ehcache, Infinispan and others (ARGS=--quick)
+bench-peers: java peers-setup
+	@tools/bench_peers.sh peers $(ARGS)
+
+bench-scale: ## measure get, put and memory from 10,000 to 10,000,000 entries (ARGS=--quick)
+bench-scale: java peers-setup
+	@cmake --build --preset bench --parallel $(JOBS)
+	@tools/bench_peers.sh scale $(ARGS)
 
 check: ## formatting, clang-tidy, the native tests under the sanitizers, and a short stress
 check: setup-check build/debug/build.ninja build/asan/build.ninja build/tsan/build.ninja

@@ -16,7 +16,7 @@ header=${JEMALLOC_ROOT:-build/jemalloc}/include/jemalloc/jemalloc.h
 mkdir -p "$out"
 
 # The benchmarks are no part of a release.
-tools/mvn.sh -q -pl '!nimbra-bench' "$@" org.cyclonedx:cyclonedx-maven-plugin:makeAggregateBom
+tools/mvn.sh -q -pl '!nimbra-bench,!nimbra-peers' "$@" org.cyclonedx:cyclonedx-maven-plugin:makeAggregateBom
 cp java/target/nimbra-java.cdx.json "$out"
 
 version=$(sed -n 's/.*<version>\([^<]*\)<.*/\1/p' java/pom.xml | head -n 1)

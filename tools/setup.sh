@@ -4,6 +4,7 @@
 #   tools/setup.sh          what build, test, demo and bench need
 #   tools/setup.sh check    also what the linters and the second compiler need
 #   tools/setup.sh profile  also what counts instructions
+#   tools/setup.sh peers    also what one of the stores in bench-peers is recommended to run with
 #
 # A run that finds everything in place asks dpkg's database once and touches nothing.
 set -euo pipefail
@@ -16,6 +17,7 @@ packages=(
 )
 check_packages=(clang clang-format clang-tidy libclang-rt-14-dev)
 profile_packages=(valgrind perl)
+peers_packages=(libjemalloc2)
 
 die() {
   printf 'setup: %s\n' "$*" >&2
@@ -26,7 +28,8 @@ case "${1:-}" in
   "") ;;
   check) packages+=("${check_packages[@]}") ;;
   profile) packages+=("${profile_packages[@]}") ;;
-  *) die "unknown argument '$1' (expected nothing, 'check' or 'profile')" ;;
+  peers) packages+=("${peers_packages[@]}") ;;
+  *) die "unknown argument '$1' (expected nothing, 'check', 'profile' or 'peers')" ;;
 esac
 
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
