@@ -82,7 +82,7 @@ build/%/build.ninja: CMakePresets.json | setup
 
 # ---- work -----------------------------------------------------------------------------------
 
-.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-stores bench-peers bench-scale check format soak fuzz test-gc sbom dependencies
+.PHONY: test test-native stress stress-overflow jcstress demo demo-diagnostics demo-overflow bench bench-native bench-pauses bench-peers bench-scale bench-stores check format soak fuzz test-gc sbom dependencies
 test: ## run the native and the Java tests
 test: native build/debug/build.ninja
 	@tools/test.sh all
@@ -138,6 +138,14 @@ demo-overflow: java
 bench: ## run the native and the Java benchmarks (ARGS: options for the Java ones)
 bench: java
 	@tools/bench.sh $(ARGS)
+
+bench-native: ## the native roads beside their floors, instructions counted (ARGS="--quick --docs DIR")
+bench-native: native
+	@SETUP=$(SETUP) tools/bench_native.sh $(ARGS)
+
+bench-pauses: ## pauses and response times with GiB of live entries (ARGS="--gigabytes N --docs DIR")
+bench-pauses: java
+	@tools/bench_pauses.sh $(ARGS)
 
 bench-stores: ## measure stores for values on disk (ARGS="--values N --rounds N")
 bench-stores: java

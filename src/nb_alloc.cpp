@@ -134,6 +134,9 @@ int64_t getCurrentInternalMetadataSize(JNIEnv* /*env*/) {
 
 uint64_t getUsableSize(const void* block) { return backend::usableSize(block); }
 uint64_t alignSize(const void* block) { return backend::usableSize(block); }
+uint64_t usableSizeOfRequest(const void* block, uint64_t requested) {
+  return backend::usableSize(block, requested);
+}
 
 uint64_t alignSize(uint64_t size) {
   initJemallocSizes();
@@ -142,13 +145,21 @@ uint64_t alignSize(uint64_t size) {
   return (size + page - 1) / page * page;
 }
 
-int64_t updateUsage(JNIEnv* /*env*/, int32_t flag, uint64_t size, const void* block) {
-  const int64_t sign = flag == 1 ? 1 : -1;
+namespace {
+
+template <typename Bytes>
+int64_t countBlock(int64_t sign, Bytes&& bytes) {
   if (trackReqSize_Internal) {
-    const uint64_t bytes = block == nullptr ? size : backend::usableSize(block);
-    lockIncrement(&allocatingOffHeapSize, sign * static_cast<int64_t>(bytes));
+    lockIncrement(&allocatingOffHeapSize, sign * static_cast<int64_t>(bytes()));
   }
   return lockIncrement(&allocatingOffHeapBlocks, sign);
+}
+
+}  // namespace
+
+int64_t updateUsage(JNIEnv* /*env*/, int32_t flag, uint64_t size, const void* block) {
+  return countBlock(flag == 1 ? 1 : -1,
+                    [=] { return block == nullptr ? size : backend::usableSize(block); });
 }
 
 void* malloc_nb(JNIEnv* env, uint64_t size, uint8_t unchecked, const char* type) {
@@ -169,7 +180,7 @@ void* malloc_nb(JNIEnv* env, uint64_t size, uint8_t unchecked, const char* type)
     traceAllocated(env, nullptr, size, inUse, type);
     return nullptr;
   }
-  updateUsage(env, 1, size, block);
+  countBlock(1, [=] { return backend::usableSize(block, size); });
   if (unchecked == 0) {
     inUse = getCurrentSize(env);
     if (inUse > maxOffHeapSize) {
@@ -196,15 +207,18 @@ void* malloc_nb(JNIEnv* env, uint64_t size, const char* type) {
   return malloc_nb(env, size, 0, type);
 }
 
-void free_nb(JNIEnv* env, void* block, uint64_t size) {
-  NB_DEBUG(env, "%s toFree=%p allocatingOffHeapSize=%d, allocatingOffHeapBlocks=%d", "jemalloc",
-           block, static_cast<int>(getCurrentSize(env)),
-           static_cast<int>(lockRead(&allocatingOffHeapBlocks)));
-  updateUsage(env, 0, size, block);
+namespace {
+
+// What free_nb does, around one of the allocator's two ways to release.
+template <typename Release>
+void freeBlock(JNIEnv* env, void* block, uint64_t size, Release&& release) {
+  NB_DEBUG_AS(env, "free_nb", "%s toFree=%p allocatingOffHeapSize=%d, allocatingOffHeapBlocks=%d",
+              "jemalloc", block, static_cast<int>(getCurrentSize(env)),
+              static_cast<int>(lockRead(&allocatingOffHeapBlocks)));
   const bool traced = logInfo.debug || logInfo.event;
   const uint64_t usable = traced ? backend::usableSize(block) : 0;
   const void* freed = block;
-  backend::release(block);
+  release();
   if (!traced) return;
   // The two texts differ in the case of one letter; both are kept.
   if (logInfo.debug) {
@@ -214,6 +228,22 @@ void free_nb(JNIEnv* env, void* block, uint64_t size) {
     event(env, "free_nb", "free=%p objSize=%lu actualSize=%lu offheapSize=%lu", freed, size, usable,
           static_cast<unsigned long>(getCurrentSize(env)));
   }
+}
+
+}  // namespace
+
+void free_nb(JNIEnv* env, void* block, uint64_t size) {
+  freeBlock(env, block, size, [=] {
+    updateUsage(env, 0, size, block);
+    backend::release(block);
+  });
+}
+
+void freeSized(JNIEnv* env, void* block, uint64_t size) {
+  freeBlock(env, block, size, [=] {
+    countBlock(-1, [=] { return backend::usableSize(block, size); });
+    backend::release(block, size);
+  });
 }
 
 void freeToOffHeap_deprecated(JNIEnv* env, void* block, int32_t typeCode) {

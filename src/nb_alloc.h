@@ -41,6 +41,9 @@ void* malloc_nb(JNIEnv* env, uint64_t size, uint8_t unchecked, const char* type)
 void* malloc_nb(JNIEnv* env, uint64_t size, const char* type);
 // Returns a block. `size` is the caller's idea of it, for traces only.
 void free_nb(JNIEnv* env, void* block, uint64_t size);
+// The same where `size` is certainly the block's requested or usable size, which saves looking it
+// up.
+void freeSized(JNIEnv* env, void* block, uint64_t size);
 // Older form of free_nb that measures the block itself.
 void freeToOffHeap_deprecated(JNIEnv* env, void* block, int32_t typeCode);
 // Adjusts the counters: flag 1 for an allocation, anything else for a release. Without a block,
@@ -64,6 +67,8 @@ uint64_t alignSize(uint64_t size);
 // The block's usable size (the name is shared on purpose; nothing is rounded).
 uint64_t alignSize(const void* block);
 uint64_t getUsableSize(const void* block);
+// The same for a block whose requested size the caller knows; mostly without a look at the block.
+uint64_t usableSizeOfRequest(const void* block, uint64_t requested);
 
 // The allocator's statistics report as a new Java string; null with or without an exception when
 // memory for it cannot be had.

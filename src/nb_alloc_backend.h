@@ -13,6 +13,10 @@ void* allocate(size_t size);
 void release(void* block);
 // Bytes that the block really holds; at least what was requested.
 size_t usableSize(const void* block);
+// The same two for a block whose requested or usable size the caller knows: where the allocator
+// derives the size class from it, its index of pages, likely a cache miss, is not touched.
+void release(void* block, size_t size);
+size_t usableSize(const void* block, size_t size);
 
 uint64_t pageSize();
 // Bytes; a power of two.

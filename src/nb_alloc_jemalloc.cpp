@@ -12,9 +12,10 @@
 
 // Read by jemalloc when it starts. Few arenas keep the sum in sizeInUse short; no extra arena for
 // oversized blocks, which would stand outside it; address space once mapped stays mapped, so that a
-// view kept too long reads stale bytes instead of ending the process.
+// view kept too long reads stale bytes instead of ending the process; huge pages where the system
+// grants them on request, since most of what a lookup waits for are address translations.
 extern "C" const char* jemalloc_conf;
-const char* jemalloc_conf = "narenas:4,oversize_threshold:0,retain:true";
+const char* jemalloc_conf = "narenas:4,oversize_threshold:0,retain:true,thp:always";
 
 namespace nimbra::backend {
 
@@ -98,6 +99,8 @@ struct PieceSplitter {
 void* allocate(size_t size) { return jemalloc(size); }
 void release(void* block) { jefree(block); }
 size_t usableSize(const void* block) { return jemalloc_usable_size(const_cast<void*>(block)); }
+void release(void* block, size_t size) { jesdallocx(block, size, 0); }
+size_t usableSize(const void* /*block*/, size_t size) { return jenallocx(size, 0); }
 
 uint64_t pageSize() { return ActiveBytes::pageSizeOfJemalloc(); }
 

@@ -28,6 +28,8 @@ void release(void* block) {
 }
 
 size_t usableSize(const void* block) { return malloc_usable_size(const_cast<void*>(block)); }
+void release(void* block, size_t /*size*/) { release(block); }
+size_t usableSize(const void* block, size_t /*size*/) { return usableSize(block); }
 
 uint64_t pageSize() { return static_cast<uint64_t>(sysconf(_SC_PAGESIZE)); }
 uint64_t chunkSize() { return uint64_t{1} << 21; }

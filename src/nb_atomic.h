@@ -22,6 +22,9 @@ inline int64_t lockRead(const int64_t* target) {
   return std::atomic_ref<int64_t>(*const_cast<int64_t*>(target)).load(std::memory_order_acquire);
 }
 
+// Asks for the cache line of an address, which need not be readable, without waiting for it.
+inline void prefetch(const void* address) { __builtin_prefetch(address); }
+
 // Adds `amount` and returns the new value. Wraps like unsigned arithmetic.
 inline int64_t lockIncrement(int64_t* target, int64_t amount) {
   int64_t seen = std::atomic_ref<int64_t>(*target).load(std::memory_order_relaxed);

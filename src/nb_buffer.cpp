@@ -38,10 +38,12 @@ ByteBufferHeader* allocateByteBufferData(JNIEnv* env, uint64_t dataSize, const c
   return allocateByteBufferData(env, dataSize, 0, type);
 }
 
-uint64_t sizeofByteBufferHeader(const ByteBufferHeader* header) { return getUsableSize(header); }
+uint64_t sizeofByteBufferHeader(const ByteBufferHeader* header) {
+  return usableSizeOfRequest(header, header->dataSize + kBufferDataOffset);
+}
 
 void freeByteBufferData(JNIEnv* env, ByteBufferHeader* header) {
-  free_nb(env, header, sizeofByteBufferHeader(header));
+  freeSized(env, header, sizeofByteBufferHeader(header));
 }
 
 jobject newByteBuffer(JNIEnv* env, ByteBufferHeader* header, int32_t size) {

@@ -4,7 +4,10 @@
 // last call has left it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <utility>
 
 #include "nb_jni.h"
 #include "nb_map_private.h"
@@ -18,22 +21,59 @@ inline constexpr jsize kStackKeyBytes =
 inline constexpr jsize kScanWords = 5;  // longs that the walk writes for one entry
 inline constexpr jint kFailed = -1;
 
+// The calling thread's memory for short keys and values; Java's CallMemory has the same layout.
+// Read before anything can call Java, written after the last such call: Java may use it again in
+// between.
+struct CallArea {
+  uint8_t key[kStackKeyBytes];
+  jlong results[3];
+  jlong use;  // changes with every call that the thread prepares
+  uint8_t value[4096];
+};
+static_assert(offsetof(CallArea, results) == 512 && offsetof(CallArea, value) == 544);
+
+// Bytes that Java passes: an array, or a part of the calling thread's area.
+class JavaBytes {
+ public:
+  JavaBytes(JNIEnv* env, jbyteArray array)
+      : env_(env), array_(array), length_(env->GetArrayLength(array)) {}
+  JavaBytes(const uint8_t* bytes, jsize length) : bytes_(bytes), length_(length) {}
+  // Null for bytes of an area.
+  jbyteArray array() const { return array_; }
+  jsize length() const { return length_; }
+  void copyTo(uint8_t* target) const {
+    if (array_ == nullptr) {
+      std::memcpy(target, bytes_, static_cast<size_t>(length_));
+    } else {
+      env_->GetByteArrayRegion(array_, 0, length_, reinterpret_cast<jbyte*>(target));
+    }
+  }
+
+ private:
+  JNIEnv* env_ = nullptr;
+  jbyteArray array_ = nullptr;
+  const uint8_t* bytes_ = nullptr;
+  jsize length_;
+};
+
 // A key to search for. A short one is copied once, so that comparisons need no crossing.
 class SearchKey {
  public:
-  SearchKey(JNIEnv* env, jbyteArray key, jint hash) : key_(key), hash_(hash) {
-    const jsize length = env->GetArrayLength(key);
-    if (length > kStackKeyBytes) return;
-    copy_.header.dataSize = static_cast<uint64_t>(length);
+  SearchKey(const JavaBytes& key, jint hash) : array_(key.array()), hash_(hash) {
+    if (key.length() > kStackKeyBytes) return;
+    copy_.header.dataSize = static_cast<uint64_t>(key.length());
     copy_.header.deserializedType = DESERIALIZED_TYPE_BINARY;
-    env->GetByteArrayRegion(key, 0, length, reinterpret_cast<jbyte*>(copy_.bytes));
+    key.copyTo(copy_.bytes);
     buffer_ = &copy_.header;
   }
+  SearchKey(JNIEnv* env, jbyteArray key, jint hash) : SearchKey(JavaBytes(env, key), hash) {}
   SearchKey(const SearchKey&) = delete;
   SearchKey& operator=(const SearchKey&) = delete;
 
-  const void* object() const { return &key_; }
+  const void* object() const { return &array_; }
   ByteBufferHeader* buffer() const { return buffer_; }
+  // The bytes of a short key.
+  JavaBytes bytes() const { return {copy_.bytes, static_cast<jsize>(copy_.header.dataSize)}; }
   jint hash() const { return hash_; }
   BucketSet* setIn(LuOffHeapMap* map) const {
     return getBucketSet(map->map, static_cast<uint32_t>(hash_));
@@ -41,7 +81,7 @@ class SearchKey {
   // REQUIRES: the bucket set of setIn.
   LuOffHeapValue* findIn(JNIEnv* env, LuOffHeapMap* map) const {
     return static_cast<LuOffHeapValue*>(
-        _getMapEntry(env, nullptr, map->map, &key_, OBJECT_TYPE_JBYTE_ARRAY, buffer_, hash_));
+        _getMapEntry(env, nullptr, map->map, &array_, OBJECT_TYPE_JBYTE_ARRAY, buffer_, hash_));
   }
 
  private:
@@ -50,26 +90,29 @@ class SearchKey {
     uint8_t bytes[kStackKeyBytes];
   } copy_;
   ByteBufferHeader* buffer_ = nullptr;
-  jbyteArray key_;
+  jbyteArray array_;
   jint hash_;
 };
 
-// A copy of an array in a buffer of ours, which holds one ALLOCATION_PIN for this scope.
-class ArrayCopy {
+// A copy of bytes in a buffer of ours, which holds one ALLOCATION_PIN for this scope.
+class BufferCopy {
  public:
-  ArrayCopy(JNIEnv* env, jbyteArray source, const char* label) : env_(env) {
-    const jsize length = env->GetArrayLength(source);
-    header_ = allocateByteBufferData(env, static_cast<uint64_t>(length), label);
+  BufferCopy(JNIEnv* env, const JavaBytes& source, const char* label) : env_(env) {
+    header_ = allocateByteBufferData(env, static_cast<uint64_t>(source.length()), label);
     if (header_ == nullptr) return;
     pin(env, header_, ALLOCATION_PIN);
-    env->GetByteArrayRegion(source, 0, length, reinterpret_cast<jbyte*>(bufferData(header_)));
+    source.copyTo(bufferData(header_));
   }
-  ~ArrayCopy() {
+  BufferCopy(JNIEnv* env, jbyteArray source, const char* label)
+      : BufferCopy(env, JavaBytes(env, source), label) {}
+  ~BufferCopy() {
     if (header_ != nullptr) unpinToFree(env_, header_, ALLOCATION_PIN);
   }
-  ArrayCopy(const ArrayCopy&) = delete;
-  ArrayCopy& operator=(const ArrayCopy&) = delete;
+  BufferCopy(const BufferCopy&) = delete;
+  BufferCopy& operator=(const BufferCopy&) = delete;
   ByteBufferHeader* get() const { return header_; }
+  // The buffer's pin becomes the caller's.
+  ByteBufferHeader* passOn() { return std::exchange(header_, nullptr); }
 
  private:
   JNIEnv* env_;
@@ -86,14 +129,10 @@ inline bool lockOrRaise(JNIEnv* env, BucketSet* set, const char* function) {
   return false;
 }
 
-// Replaces the value of a present key. With `released`, the usable bytes of the old value are
-// stored.
-inline WriteOutcome update(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key,
-                           ByteBufferHeader* value, jlong revision, uint64_t* released = nullptr,
-                           const EntryHook* hook = nullptr) {
-  return updateInPlace(env, nullptr, map, key.object(), OBJECT_TYPE_JBYTE_ARRAY, key.buffer(),
-                       key.hash(), value, kOwner, revision, released, hook);
-}
+// Replaces the value of a present key; the buffer's pin may pass to the entry. With `released`, the
+// usable bytes of the old value are stored.
+WriteOutcome update(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, BufferCopy& value,
+                    jlong revision, uint64_t* released = nullptr, const EntryHook* hook = nullptr);
 
 // Java has been told: our own side wants to know of deletions only to free copies on disk. Saves a
 // call into Java for every entry without one. REQUIRES: a pin on a record that is in no table.
@@ -134,12 +173,12 @@ inline Found pinFound(JNIEnv* env, LuOffHeapValue* value) {
 
 // Lets the sweep pass the entry over once. A node that is busy is left as it is: a lookup does not
 // wait for a page-out beside it.
-inline void markUsed(JNIEnv* env, LuOffHeapValue* value) {
+inline void markUsed(LuOffHeapValue* value) {
   if (!_isDiskOverflowEnabled) return;
   overflow_metadata* node = nodeOf(value);
-  if (!overflow_metadata_trylock(env, "get", node)) return;
+  if (!tryBriefly(node)) return;
   setFlag(recently_used, node);
-  overflow_metadata_unlock(env, "get", node);
+  endBriefly(node);
 }
 
 // A new array with the buffer's bytes, whose JNI_GET_PIN is dropped; null for no buffer.

@@ -231,13 +231,13 @@ struct Write {
   const Partition& partition;
   Bound* bound;
   const SearchKey& key;
-  ByteBufferHeader* value;
+  BufferCopy& value;
   jlong revision;
   jlong deadline;
 
   // done, none (the key vanished), failed; *room is false when the bound has none.
   WriteOutcome replace(bool* room) {
-    const auto bytes = static_cast<int64_t>(sizeofByteBufferHeader(value));
+    const auto bytes = static_cast<int64_t>(sizeofByteBufferHeader(value.get()));
     *room = reserve(bound, bytes, 0);
     if (!*room) return WriteOutcome::failed;
     uint64_t old = 0;
@@ -255,10 +255,11 @@ struct Write {
   // done, none (the key has come), failed; *room as above.
   WriteOutcome insert(jbyteArray keyArray, bool* room) {
     *room = true;
-    const ArrayCopy keyBuffer(env, keyArray, "Key Data");
+    const BufferCopy keyBuffer(env, keyArray, "Key Data");
     if (keyBuffer.get() == nullptr) return WriteOutcome::failed;
     const int64_t bytes = static_cast<int64_t>(sizeofByteBufferHeader(keyBuffer.get())) +
-                          static_cast<int64_t>(sizeofByteBufferHeader(value)) + bound->recordBytes;
+                          static_cast<int64_t>(sizeofByteBufferHeader(value.get())) +
+                          bound->recordBytes;
     *room = reserve(bound, bytes, 1);
     if (!*room) return WriteOutcome::failed;
     NewRecords records(env, partition, keyBuffer.get(), key.hash());
@@ -271,9 +272,9 @@ struct Write {
                                 attach->records.attachTo(entry, attach->deadline);
                               },
                               &attachment};
-      created =
-          insertAndPin(env, nullptr, partition.map, key.object(), OBJECT_TYPE_JBYTE_ARRAY,
-                       keyBuffer.get(), key.hash(), true, value, kOwner, revision, &outcome, &hook);
+      created = insertAndPin(env, nullptr, partition.map, key.object(), OBJECT_TYPE_JBYTE_ARRAY,
+                             keyBuffer.get(), key.hash(), true, value.get(), kOwner, revision,
+                             &outcome, &hook);
     }
     if (created == nullptr) {
       release(bound, bytes, 1);
@@ -324,7 +325,7 @@ Found pinAndTouch(JNIEnv* env, const Partition& partition, const SearchKey& key,
   LuOffHeapValue* value = key.findIn(env, partition.map);
   if (value != nullptr && !isExpired(value, now)) {
     found = pinFound(env, value);
-    markUsed(env, value);
+    markUsed(value);
     touch(env, partition, value, newDeadline);
   }
   unlockBucketSet(set);
@@ -374,9 +375,9 @@ jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_put(JNIEnv* env, jclass, jlo
   const Partition partition(map, queue, policy, ttl);
   auto* bound = fromHandle<Bound>(boundHandle);
   const SearchKey key(env, keyArray, hash);
-  const ArrayCopy value(env, valueArray, "Value Data");
+  BufferCopy value(env, valueArray, "Value Data");
   if (value.get() == nullptr) return kFailed;
-  Write write{env, partition, bound, key, value.get(), revision, deadline};
+  Write write{env, partition, bound, key, value, revision, deadline};
   // Each step is atomic; a key that comes or goes between them sends us round again.
   for (;;) {
     Presence presence = probe(env, partition, key, now, __func__);

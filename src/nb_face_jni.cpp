@@ -3,20 +3,33 @@
 // Keys and values are opaque bytes. A value is copied, or its buffer pinned, while the bucket set
 // is held, so no reader meets a buffer that an update has freed. The face keeps handles valid: a
 // map is deleted only after the last call has left it.
+#include "com_velt_rz_corvane_nimbra_CallNatives.h"
 #include "com_velt_rz_corvane_nimbra_MapNatives.h"
-#include "nb_face.h"
+#include "nb_face_quick.h"
 
 using namespace nimbra;
 using namespace nimbra::face;
 
 namespace {
 
-WriteOutcome insert(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key,
-                    ByteBufferHeader* keyBuffer, ByteBufferHeader* value, jlong revision) {
+// Answers of CallNatives that are no length.
+constexpr jint kAbsent = -1;
+constexpr jint kOrdinaryRoad = -2;  // nothing done: to be called again with arrays
+
+WriteOutcome insert(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, BufferCopy& keyBuffer,
+                    BufferCopy& value, jlong revision) {
+  if (isQuiet() && key.buffer() != nullptr) {
+    switch (insertQuickly(env, map, key, keyBuffer, value, revision)) {
+      case Quick::done: return WriteOutcome::done;
+      case Quick::none: return WriteOutcome::none;
+      case Quick::failed: return WriteOutcome::failed;
+      default: break;
+    }
+  }
   WriteOutcome outcome;
   LuOffHeapValue* created =
-      insertAndPin(env, nullptr, map, key.object(), OBJECT_TYPE_JBYTE_ARRAY, keyBuffer, key.hash(),
-                   true, value, kOwner, revision, &outcome);
+      insertAndPin(env, nullptr, map, key.object(), OBJECT_TYPE_JBYTE_ARRAY, keyBuffer.get(),
+                   key.hash(), true, value.get(), kOwner, revision, &outcome);
   if (created != nullptr) unpinLuOffHeapMapValue(env, created, JNI_INSERTED_PIN);
   return outcome;
 }
@@ -28,67 +41,112 @@ Found pinValue(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, const char*
   if (!lockOrRaise(env, set, function)) return found;
   if (LuOffHeapValue* value = key.findIn(env, map)) {
     found = pinFound(env, value);
-    markUsed(env, value);
+    markUsed(value);
   }
   unlockBucketSet(set);
   return found;
 }
 
+bool isPresent(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, bool* locked,
+               const char* function) {
+  BucketSet* set = key.setIn(map);
+  *locked = lockOrRaise(env, set, function);
+  if (!*locked) return false;
+  const bool present = key.findIn(env, map) != nullptr;
+  unlockBucketSet(set);
+  return present;
+}
+
+jint put(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, const JavaBytes& keyBytes,
+         BufferCopy& value, jlong revision) {
+  // Each half is atomic; a key that comes or goes between them sends us round again.
+  for (;;) {
+    const WriteOutcome updated = update(env, map, key, value, revision);
+    if (updated != WriteOutcome::none) return updated == WriteOutcome::done ? 0 : kFailed;
+    if (env->ExceptionCheck()) return kFailed;  // the search itself could not be made
+    BufferCopy keyBuffer(env, keyBytes, "Key Data");
+    if (keyBuffer.get() == nullptr) return kFailed;
+    const WriteOutcome inserted = insert(env, map, key, keyBuffer, value, revision);
+    if (inserted != WriteOutcome::none) return inserted == WriteOutcome::done ? 1 : kFailed;
+  }
+}
+
+// 1 for a write that was made, 0 for one that the key's presence or absence forbids.
+jint answer(WriteOutcome outcome) {
+  switch (outcome) {
+    case WriteOutcome::done: return 1;
+    case WriteOutcome::none: return 0;
+    default: return kFailed;
+  }
+}
+
+jint insertNew(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, const JavaBytes& keyBytes,
+               BufferCopy& value, jlong revision) {
+  BufferCopy keyBuffer(env, keyBytes, "Key Data");
+  if (keyBuffer.get() == nullptr) return kFailed;
+  return answer(insert(env, map, key, keyBuffer, value, revision));
+}
+
+jint remove(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key) {
+  LuOffHeapValue* removed = nullptr;
+  if (isQuiet() && key.buffer() != nullptr) {
+    switch (removeQuickly(map, key, &removed)) {
+      case Quick::none: return 0;
+      case Quick::done:
+        if (_isDiskOverflowEnabled) overflow_metadata_splice_out(env, nodeOf(removed), false);
+        forgetUntold(env, removed);
+        unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
+        return 1;
+      default: break;
+    }
+  }
+  WriteOutcome outcome;
+  removed = removeAndPin(env, nullptr, map, key.object(), OBJECT_TYPE_JBYTE_ARRAY, key.buffer(),
+                         key.hash(), true, &outcome);
+  if (removed != nullptr) {
+    forgetUntold(env, removed);
+    unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
+  }
+  return answer(outcome);
+}
+
 }  // namespace
+
+// ---- Calls with arrays -----------------------------------------------------------------------
 
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_put(JNIEnv* env, jclass, jlong handle,
                                                     jbyteArray keyArray, jint hash,
                                                     jbyteArray valueArray, jlong revision) {
-  auto* map = fromHandle<LuOffHeapMap>(handle);
-  const SearchKey key(env, keyArray, hash);
-  const ArrayCopy value(env, valueArray, "Value Data");
+  const JavaBytes keyBytes(env, keyArray);
+  const SearchKey key(keyBytes, hash);
+  BufferCopy value(env, valueArray, "Value Data");
   if (value.get() == nullptr) return kFailed;
-  // Each half is atomic; a key that comes or goes between them sends us round again.
-  for (;;) {
-    const WriteOutcome updated = update(env, map, key, value.get(), revision);
-    if (updated != WriteOutcome::none) return updated == WriteOutcome::done ? 0 : kFailed;
-    if (env->ExceptionCheck()) return kFailed;  // the search itself could not be made
-    const ArrayCopy keyBuffer(env, keyArray, "Key Data");
-    if (keyBuffer.get() == nullptr) return kFailed;
-    const WriteOutcome inserted = insert(env, map, key, keyBuffer.get(), value.get(), revision);
-    if (inserted != WriteOutcome::none) return inserted == WriteOutcome::done ? 1 : kFailed;
-  }
+  return put(env, fromHandle<LuOffHeapMap>(handle), key, keyBytes, value, revision);
 }
 
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_putIfAbsent(JNIEnv* env, jclass, jlong handle,
                                                             jbyteArray keyArray, jint hash,
                                                             jbyteArray valueArray, jlong revision) {
   auto* map = fromHandle<LuOffHeapMap>(handle);
-  const SearchKey key(env, keyArray, hash);
-  BucketSet* set = key.setIn(map);
-  if (!lockOrRaise(env, set, __func__)) return kFailed;
-  const bool present = key.findIn(env, map) != nullptr;
-  unlockBucketSet(set);
+  const JavaBytes keyBytes(env, keyArray);
+  const SearchKey key(keyBytes, hash);
+  bool locked;
+  const bool present = isPresent(env, map, key, &locked, __func__);
+  if (!locked) return kFailed;
   if (present) return 0;
   if (env->ExceptionCheck()) return kFailed;  // the search itself could not be made
-  const ArrayCopy keyBuffer(env, keyArray, "Key Data");
-  if (keyBuffer.get() == nullptr) return kFailed;
-  const ArrayCopy value(env, valueArray, "Value Data");
+  BufferCopy value(env, valueArray, "Value Data");
   if (value.get() == nullptr) return kFailed;
-  switch (insert(env, map, key, keyBuffer.get(), value.get(), revision)) {
-    case WriteOutcome::done: return 1;
-    case WriteOutcome::none: return 0;
-    default: return kFailed;
-  }
+  return insertNew(env, map, key, keyBytes, value, revision);
 }
 
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_replace(JNIEnv* env, jclass, jlong handle,
                                                         jbyteArray keyArray, jint hash,
                                                         jbyteArray valueArray, jlong revision) {
-  auto* map = fromHandle<LuOffHeapMap>(handle);
   const SearchKey key(env, keyArray, hash);
-  const ArrayCopy value(env, valueArray, "Value Data");
+  BufferCopy value(env, valueArray, "Value Data");
   if (value.get() == nullptr) return kFailed;
-  switch (update(env, map, key, value.get(), revision)) {
-    case WriteOutcome::done: return 1;
-    case WriteOutcome::none: return 0;
-    default: return kFailed;
-  }
+  return answer(update(env, fromHandle<LuOffHeapMap>(handle), key, value, revision));
 }
 
 jbyteArray Java_com_velt_rz_corvane_nimbra_MapNatives_get(JNIEnv* env, jclass, jlong handle,
@@ -100,31 +158,15 @@ jbyteArray Java_com_velt_rz_corvane_nimbra_MapNatives_get(JNIEnv* env, jclass, j
 
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_remove(JNIEnv* env, jclass, jlong handle,
                                                        jbyteArray keyArray, jint hash) {
-  const SearchKey key(env, keyArray, hash);
-  WriteOutcome outcome;
-  LuOffHeapValue* removed =
-      removeAndPin(env, nullptr, fromHandle<LuOffHeapMap>(handle), key.object(),
-                   OBJECT_TYPE_JBYTE_ARRAY, key.buffer(), hash, true, &outcome);
-  if (removed != nullptr) {
-    forgetUntold(env, removed);
-    unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
-  }
-  switch (outcome) {
-    case WriteOutcome::done: return 1;
-    case WriteOutcome::none: return 0;
-    default: return kFailed;
-  }
+  return remove(env, fromHandle<LuOffHeapMap>(handle), SearchKey(env, keyArray, hash));
 }
 
 jboolean Java_com_velt_rz_corvane_nimbra_MapNatives_containsKey(JNIEnv* env, jclass, jlong handle,
                                                                 jbyteArray keyArray, jint hash) {
-  auto* map = fromHandle<LuOffHeapMap>(handle);
   const SearchKey key(env, keyArray, hash);
-  BucketSet* set = key.setIn(map);
-  if (!lockOrRaise(env, set, __func__)) return JNI_FALSE;
-  const bool present = key.findIn(env, map) != nullptr;
-  unlockBucketSet(set);
-  return present ? JNI_TRUE : JNI_FALSE;
+  bool locked;
+  return isPresent(env, fromHandle<LuOffHeapMap>(handle), key, &locked, __func__) ? JNI_TRUE
+                                                                                  : JNI_FALSE;
 }
 
 jlong Java_com_velt_rz_corvane_nimbra_MapNatives_pin(JNIEnv* env, jclass, jlong handle,
@@ -140,6 +182,122 @@ void Java_com_velt_rz_corvane_nimbra_MapNatives_unpin(JNIEnv* env, jclass, jlong
 
 jlong Java_com_velt_rz_corvane_nimbra_MapNatives_hardCapLimit(JNIEnv*, jclass) {
   return static_cast<jlong>(getHardCapLimit());
+}
+
+// ---- Calls through the thread's own memory ---------------------------------------------------
+
+namespace {
+
+// A call's key and map.
+struct ShortCall {
+  ShortCall(jlong mapHandle, jlong areaHandle, jint keyLength, jint hash)
+      : map(fromHandle<LuOffHeapMap>(mapHandle)),
+        area(fromHandle<CallArea>(areaHandle)),
+        key({area->key, keyLength}, hash),
+        use(area->use) {}
+  LuOffHeapMap* map;
+  CallArea* area;
+  SearchKey key;
+  jlong use;
+};
+
+// The value of a write. Null when memory was refused. Its allocation may have called Java, and Java
+// may have used the area: then it holds something else, and `ordinary` says so.
+struct ShortValue {
+  ShortValue(JNIEnv* env, const ShortCall& call, jint length)
+      : copy(env, {call.area->value, length}, "Value Data"), ordinary(call.area->use != call.use) {}
+  BufferCopy copy;
+  bool ordinary;
+};
+
+}  // namespace
+
+jlong Java_com_velt_rz_corvane_nimbra_CallNatives_address(JNIEnv* env, jclass, jobject memory) {
+  return toHandle(env->GetDirectBufferAddress(memory));
+}
+
+jint Java_com_velt_rz_corvane_nimbra_CallNatives_get(JNIEnv* env, jclass, jlong handle,
+                                                     jlong areaHandle, jint keyLength, jint hash) {
+  const ShortCall call(handle, areaHandle, keyLength, hash);
+  BucketSet* set = call.key.setIn(call.map);
+  if (lockBucketSet(set) != 0) return kOrdinaryRoad;
+  jint length = kAbsent;
+  if (LuOffHeapValue* value =
+          isQuiet() ? findQuickly(set, call.key) : call.key.findIn(env, call.map)) {
+    const ByteBufferHeader* buffer = value->value;
+    if (buffer == nullptr || buffer->dataSize > sizeof call.area->value) {
+      length = kOrdinaryRoad;
+    } else {
+      markUsed(value);
+      length = static_cast<jint>(buffer->dataSize);
+      std::memcpy(call.area->value, bufferData(buffer), buffer->dataSize);
+    }
+  }
+  unlockBucketSet(set);
+  return length;
+}
+
+jlong Java_com_velt_rz_corvane_nimbra_CallNatives_pin(JNIEnv* env, jclass, jlong handle,
+                                                      jlong areaHandle, jint keyLength, jint hash) {
+  const ShortCall call(handle, areaHandle, keyLength, hash);
+  const Found found = pinValue(env, call.map, call.key, __func__);
+  if (found.record != nullptr) return -toHandle(found.record);
+  if (found.buffer == nullptr) return 0;
+  call.area->results[0] = toHandle(bufferData(found.buffer));
+  call.area->results[1] = static_cast<jlong>(found.buffer->dataSize);
+  call.area->results[2] = found.revision;
+  return toHandle(found.buffer);
+}
+
+jboolean Java_com_velt_rz_corvane_nimbra_CallNatives_containsKey(JNIEnv* env, jclass, jlong handle,
+                                                                 jlong areaHandle, jint keyLength,
+                                                                 jint hash) {
+  const ShortCall call(handle, areaHandle, keyLength, hash);
+  bool locked;
+  return isPresent(env, call.map, call.key, &locked, __func__) ? JNI_TRUE : JNI_FALSE;
+}
+
+jint Java_com_velt_rz_corvane_nimbra_CallNatives_remove(JNIEnv* env, jclass, jlong handle,
+                                                        jlong areaHandle, jint keyLength,
+                                                        jint hash) {
+  const ShortCall call(handle, areaHandle, keyLength, hash);
+  return remove(env, call.map, call.key);
+}
+
+jint Java_com_velt_rz_corvane_nimbra_CallNatives_put(JNIEnv* env, jclass, jlong handle,
+                                                     jlong areaHandle, jint keyLength, jint hash,
+                                                     jint valueLength, jlong revision) {
+  const ShortCall call(handle, areaHandle, keyLength, hash);
+  ShortValue value(env, call, valueLength);
+  if (value.copy.get() == nullptr) return kFailed;
+  if (value.ordinary) return kOrdinaryRoad;
+  return put(env, call.map, call.key, call.key.bytes(), value.copy, revision);
+}
+
+jint Java_com_velt_rz_corvane_nimbra_CallNatives_putIfAbsent(JNIEnv* env, jclass, jlong handle,
+                                                             jlong areaHandle, jint keyLength,
+                                                             jint hash, jint valueLength,
+                                                             jlong revision) {
+  const ShortCall call(handle, areaHandle, keyLength, hash);
+  bool locked;
+  const bool present = isPresent(env, call.map, call.key, &locked, __func__);
+  if (!locked) return kFailed;
+  if (present) return 0;
+  ShortValue value(env, call, valueLength);
+  if (value.copy.get() == nullptr) return kFailed;
+  if (value.ordinary) return kOrdinaryRoad;
+  return insertNew(env, call.map, call.key, call.key.bytes(), value.copy, revision);
+}
+
+jint Java_com_velt_rz_corvane_nimbra_CallNatives_replace(JNIEnv* env, jclass, jlong handle,
+                                                         jlong areaHandle, jint keyLength,
+                                                         jint hash, jint valueLength,
+                                                         jlong revision) {
+  const ShortCall call(handle, areaHandle, keyLength, hash);
+  ShortValue value(env, call, valueLength);
+  if (value.copy.get() == nullptr) return kFailed;
+  if (value.ordinary) return kOrdinaryRoad;
+  return answer(update(env, call.map, call.key, value.copy, revision));
 }
 
 // ---- Walk over all entries -----------------------------------------------------------------

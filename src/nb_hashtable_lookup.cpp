@@ -92,6 +92,8 @@ Pinnable* search_memcmp(JNIEnv* env, MapHeader* header, const void* key, uint8_t
                static_cast<void*>(entry), static_cast<int>(entryHash), static_cast<int>(hash));
       continue;
     }
+    // Whoever finds an entry wants its value next; the key is on its way at the same time.
+    prefetch(header->getValue(env, entry));
     const int32_t result = compareInFormat(env, key, format, header->getKey(env, entry));
     if (result == 0) break;
     // A key that Java refused to show ends the search: the next comparison would ask it again, with

@@ -134,6 +134,10 @@ uint32_t unpinLuOffHeapMapValue(JNIEnv* env, Pinnable* entry, uint32_t reason);
 
 // Usable bytes of record, key buffer and value buffer in memory; 0 for null.
 uint64_t sizeofLuOffHeapMapValue(JNIEnv* env, const LuOffHeapValue* value);
+// A record without a pin of its own or on its buffers; null when memory is refused.
+LuOffHeapValue* newLuOffHeapValue(JNIEnv* env, ByteBufferHeader* key, int32_t hashCode,
+                                  bool hashCodeGiven, ByteBufferHeader* value,
+                                  uint16_t revisionOwner, int64_t revisionNumber);
 // A record with one ALLOCATION_PIN that pins both buffers; null when memory is refused.
 LuOffHeapValue* allocateLuOffHeapMapValue(JNIEnv* env, ByteBufferHeader* key, int32_t hashCode,
                                           bool hashCodeGiven, ByteBufferHeader* value,

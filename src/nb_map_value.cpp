@@ -37,7 +37,7 @@ uint32_t getHash_LuValue(JNIEnv* /*env*/, Pinnable* entry) {
 
 uint64_t sizeofLuOffHeapMapValue(JNIEnv* /*env*/, const LuOffHeapValue* value) {
   if (value == nullptr) return 0;
-  uint64_t size = usableSizeOf(value);
+  uint64_t size = usableSizeOfRequest(value, valueRecordSize());
   if (value->key != nullptr) size += sizeofByteBufferHeader(value->key);
   if ((value->flags & HAS_VALUE) != 0 && value->value != nullptr) {
     size += sizeofByteBufferHeader(value->value);
@@ -53,15 +53,13 @@ uint64_t getSize_LuValue(JNIEnv* env, Pinnable* entry) {
   return size + value->valueLength;
 }
 
-LuOffHeapValue* allocateLuOffHeapMapValue(JNIEnv* env, ByteBufferHeader* key, int32_t hashCode,
-                                          bool isHashCodeGiven, ByteBufferHeader* value,
-                                          uint16_t revisionOwner, int64_t revisionNumber) {
-  NB_DEBUG(env, "key=%p, hashCode=%d, isHashCode=%d, value=%p, revisionOwner=%d,revisionNumber=%d",
-           static_cast<void*>(key), hashCode, isHashCodeGiven, static_cast<void*>(value),
-           revisionOwner, static_cast<int>(revisionNumber));
+LuOffHeapValue* newLuOffHeapValue(JNIEnv* env, ByteBufferHeader* key, int32_t hashCode,
+                                  bool isHashCodeGiven, ByteBufferHeader* value,
+                                  uint16_t revisionOwner, int64_t revisionNumber) {
   LuOffHeapValue* record = nullptr;
   if (_isDiskOverflowEnabled) {
-    NB_DEBUG(env, "NOF: adding %ld to malloc_size", static_cast<long>(sizeof(overflow_metadata)));
+    NB_DEBUG_AS(env, "allocateLuOffHeapMapValue", "NOF: adding %ld to malloc_size",
+                static_cast<long>(sizeof(overflow_metadata)));
     auto* variant = static_cast<LuOffHeapOverflowValue*>(
         malloc_nb(env, sizeof(LuOffHeapOverflowValue), "LuOffHeapMapValue (Overflow Enabled)"));
     if (variant == nullptr) return nullptr;
@@ -82,22 +80,29 @@ LuOffHeapValue* allocateLuOffHeapMapValue(JNIEnv* env, ByteBufferHeader* key, in
   record->revisionNumber = revisionNumber;
   record->evictionData = nullptr;
   record->ttlEvictionData = nullptr;
-  record->valueLength = 0;
+  record->valueLength = value == nullptr ? 0 : sizeofByteBufferHeader(value);
   record->hashCode = hashCode;
   record->revisionOwner = revisionOwner;
-  record->flags =
-      static_cast<uint16_t>(clientDirty | HAS_VALUE | (isHashCodeGiven ? hashCodeGiven : 0));
+  record->flags = static_cast<uint16_t>(clientDirty | (value == nullptr ? 0 : HAS_VALUE) |
+                                        (isHashCodeGiven ? hashCodeGiven : 0));
+  return record;
+}
+
+LuOffHeapValue* allocateLuOffHeapMapValue(JNIEnv* env, ByteBufferHeader* key, int32_t hashCode,
+                                          bool isHashCodeGiven, ByteBufferHeader* value,
+                                          uint16_t revisionOwner, int64_t revisionNumber) {
+  NB_DEBUG(env, "key=%p, hashCode=%d, isHashCode=%d, value=%p, revisionOwner=%d,revisionNumber=%d",
+           static_cast<void*>(key), hashCode, isHashCodeGiven, static_cast<void*>(value),
+           revisionOwner, static_cast<int>(revisionNumber));
+  LuOffHeapValue* record =
+      newLuOffHeapValue(env, key, hashCode, isHashCodeGiven, value, revisionOwner, revisionNumber);
+  if (record == nullptr) return nullptr;
   if (key != nullptr) {
     pin(env, key, LUOFFHEAPMAPVALUE_KEY_PIN);
   } else {
     NB_DEBUG(env, "New LuValue was created without a valid key.");
   }
-  if (value != nullptr) {
-    pin(env, value, LUOFFHEAPMAPVALUE_VALUE_PIN);
-    record->valueLength = sizeofByteBufferHeader(value);
-  } else {
-    record->flags = static_cast<uint16_t>(record->flags & ~HAS_VALUE);
-  }
+  if (value != nullptr) pin(env, value, LUOFFHEAPMAPVALUE_VALUE_PIN);
   pin(env, static_cast<Pinnable*>(record), ALLOCATION_PIN);
   NB_DEBUG(env, "luValue=%p luValue->key=%p luValue->value=%p luValue->flags=%d",
            static_cast<void*>(record), static_cast<void*>(record->key),

@@ -156,6 +156,15 @@ bool overflow_metadata_unlock(JNIEnv* env, const char* /*tag*/, overflow_metadat
   return unlockInner(env, __func__, node);
 }
 
+bool tryBriefly(overflow_metadata* node) {
+  if (mutexTryLock(&node->mutex, LockRank::node) != 0) return false;
+  if (!isOthers(node)) return true;
+  mutexUnlock(&node->mutex, LockRank::node);
+  return false;
+}
+
+void endBriefly(overflow_metadata* node) { mutexUnlock(&node->mutex, LockRank::node); }
+
 uint32_t overflow_metadata_get_hold_count(JNIEnv* env, overflow_metadata* node) {
   if (!lockInner(env, __func__, node)) return kHoldCountFailed;
   const uint32_t count = isMine(node) ? node->lock_depth : 0;

@@ -231,6 +231,37 @@ bool overflow_metadata_link_to_header(JNIEnv* env, overflow_metadata* node, bool
   return overflow_metadata_unlock(env, kLink, header) && firstUnlocked;
 }
 
+bool prepareUnseenNode(JNIEnv* env, overflow_metadata* node, MapHeader* mapHeader) {
+  if (!overflow_metadata_lock_init(env, node)) return false;
+  node->mapHeader = mapHeader;
+  node->flags = in_memory | recently_used;
+  node->next = nullptr;
+  node->prev = nullptr;
+  node->chunkPtrOffset = 0;
+  node->nextChunkPtrOffset = 0;
+  node->chunkSize = 0;
+  return true;
+}
+
+void linkUnseenNode(overflow_metadata* node) {
+  for (;;) {
+    overflow_metadata* header = &_headerNodes[roundRobin()];
+    if (!tryBriefly(header)) continue;
+    overflow_metadata* first = header->next;
+    // An empty list's header is its own neighbour.
+    if (first == header || tryBriefly(first)) {
+      setLink(&node->prev, header);
+      setLink(&node->next, first);
+      setLink(&header->next, node);
+      setLink(&first->prev, node);
+      if (first != header) endBriefly(first);
+      endBriefly(header);
+      return;
+    }
+    endBriefly(header);
+  }
+}
+
 namespace {
 
 constexpr char kSplice[] = "overflow_metadata_splice_out";

@@ -58,6 +58,11 @@ bool is_header_node(JNIEnv* env, const overflow_metadata* node);
 // Prepares an entry's node: in memory, recently used, invalid until the map takes it into use, in
 // no list. False when its lock cannot be made.
 bool initialize_overflow_metadata(JNIEnv* env, overflow_metadata* node, MapHeader* mapHeader);
+// The same for a record that no other thread has seen, and that is complete when it is linked: the
+// node is valid from the start, and nothing is locked or traced.
+bool prepareUnseenNode(JNIEnv* env, overflow_metadata* node, MapHeader* mapHeader);
+// Links such a node behind a header. REQUIRES: the entry's bucket set, which keeps a sweep away.
+void linkUnseenNode(overflow_metadata* node);
 // Links a node behind a header. REQUIRES: the node's lock, and the node unlinked. With
 // `unlockAfter` false, header and former first stay locked for the caller. False when a lock
 // failed.

@@ -3,6 +3,7 @@
 #
 #   tools/setup.sh          what build, test, demo and bench need
 #   tools/setup.sh check    also what the linters and the second compiler need
+#   tools/setup.sh profile  also what counts instructions
 #   tools/setup.sh peers    also what one of the stores in bench-peers is recommended to run with
 #
 # A run that finds everything in place asks dpkg's database once and touches nothing.
@@ -15,6 +16,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 check_packages=(clang clang-format clang-tidy libclang-rt-14-dev)
+profile_packages=(valgrind perl)
 peers_packages=(libjemalloc2)
 
 die() {
@@ -25,8 +27,9 @@ die() {
 case "${1:-}" in
   "") ;;
   check) packages+=("${check_packages[@]}") ;;
+  profile) packages+=("${profile_packages[@]}") ;;
   peers) packages+=("${peers_packages[@]}") ;;
-  *) die "unknown argument '$1' (expected nothing, 'check' or 'peers')" ;;
+  *) die "unknown argument '$1' (expected nothing, 'check', 'profile' or 'peers')" ;;
 esac
 
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then

@@ -125,23 +125,7 @@ public final class OffHeapMap implements AutoCloseable {
      * @throws IllegalStateException when the map is closed
      */
     public boolean put(byte[] key, byte[] value) {
-        checkKey(key);
-        checkValue(value);
-        long hash = hash(key);
-        int partition = partition(hash);
-        if (bounded != null) {
-            return bounded.put(partition, key, (int) hash, value, BoundedNatives.PUT, "put") == 1;
-        }
-        int outcome;
-        gates.enter(partition, "put");
-        try {
-            outcome = MapNatives.put(handles[partition], key, (int) hash, value, revisions.incrementAndGet());
-        } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
-            throw request("put", key, value).refuse(e);
-        } finally {
-            gates.exit(partition);
-        }
-        return succeeded(outcome, "put", key, value);
+        return write(BoundedNatives.PUT, "put", key, value);
     }
 
     /**
@@ -155,23 +139,7 @@ public final class OffHeapMap implements AutoCloseable {
      * @throws IllegalStateException when the map is closed
      */
     public boolean putIfAbsent(byte[] key, byte[] value) {
-        checkKey(key);
-        checkValue(value);
-        long hash = hash(key);
-        int partition = partition(hash);
-        if (bounded != null) {
-            return bounded.put(partition, key, (int) hash, value, BoundedNatives.PUT_IF_ABSENT, "putIfAbsent") == 1;
-        }
-        int outcome;
-        gates.enter(partition, "putIfAbsent");
-        try {
-            outcome = MapNatives.putIfAbsent(handles[partition], key, (int) hash, value, revisions.incrementAndGet());
-        } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
-            throw request("putIfAbsent", key, value).refuse(e);
-        } finally {
-            gates.exit(partition);
-        }
-        return succeeded(outcome, "putIfAbsent", key, value);
+        return write(BoundedNatives.PUT_IF_ABSENT, "putIfAbsent", key, value);
     }
 
     /**
@@ -185,23 +153,28 @@ public final class OffHeapMap implements AutoCloseable {
      * @throws IllegalStateException when the map is closed
      */
     public boolean replace(byte[] key, byte[] value) {
+        return write(BoundedNatives.REPLACE, "replace", key, value);
+    }
+
+    private boolean write(int mode, String operation, byte[] key, byte[] value) {
         checkKey(key);
         checkValue(value);
         long hash = hash(key);
         int partition = partition(hash);
         if (bounded != null) {
-            return bounded.put(partition, key, (int) hash, value, BoundedNatives.REPLACE, "replace") == 1;
+            return bounded.put(partition, key, (int) hash, value, mode, operation) == 1;
         }
         int outcome;
-        gates.enter(partition, "replace");
+        gates.enter(partition, operation);
         try {
-            outcome = MapNatives.replace(handles[partition], key, (int) hash, value, revisions.incrementAndGet());
+            outcome =
+                    CallMemory.write(mode, handles[partition], key, (int) hash, value, revisions.incrementAndGet());
         } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
-            throw request("replace", key, value).refuse(e);
+            throw request(operation, key, value).refuse(e);
         } finally {
             gates.exit(partition);
         }
-        return succeeded(outcome, "replace", key, value);
+        return succeeded(outcome, operation, key, value);
     }
 
     /**
@@ -222,6 +195,11 @@ public final class OffHeapMap implements AutoCloseable {
         }
         gates.enter(partition, "get");
         try {
+            CallMemory memory = CallMemory.with(key);
+            int length = memory == null ? CallMemory.ORDINARY : memory.get(handles[partition], key.length, (int) hash);
+            if (length != CallMemory.ORDINARY) {
+                return memory.value(length);
+            }
             if (overflow == null) {
                 return MapNatives.get(handles[partition], key, (int) hash, null);
             }
@@ -248,25 +226,32 @@ public final class OffHeapMap implements AutoCloseable {
         checkKey(key);
         long hash = hash(key);
         int partition = partition(hash);
-        long[] info = new long[3];
         if (bounded != null) {
+            long[] info = new long[3];
             long handle = bounded.pin(partition, key, (int) hash, info);
-            PinnedValue pinned = handle == 0 ? null : PinnedValue.adopt(handle, info);
+            PinnedValue pinned = handle == 0 ? null : PinnedValue.adopt(handle, info[0], info[1], info[2]);
             // Last, since it may run a listener, and nothing must come between the pin and its owner.
             bounded.countLookup(handle != 0, partition, "pin");
             return pinned;
         }
-        long handle;
         gates.enter(partition, "pin");
         try {
-            handle = MapNatives.pin(handles[partition], key, (int) hash, info);
-            if (overflow != null) {
-                handle = overflow.complete(handle, info, name, "pin");
+            CallMemory memory = CallMemory.with(key);
+            if (memory == null) {
+                long[] info = new long[3];
+                return adopt(MapNatives.pin(handles[partition], key, (int) hash, info), info);
             }
+            long handle = memory.pin(handles[partition], key.length, (int) hash);
+            return handle > 0 ? memory.adopt(handle) : adopt(handle, new long[3]);
         } finally {
             gates.exit(partition);
         }
-        return handle == 0 ? null : PinnedValue.adopt(handle, info);
+    }
+
+    /** Takes over what {@link MapNatives#pin} found; a value on disk is read first. Inside the partition's gate. */
+    private PinnedValue adopt(long found, long[] info) {
+        long handle = found < 0 ? overflow.complete(found, info, name, "pin") : found;
+        return handle == 0 ? null : PinnedValue.adopt(handle, info[0], info[1], info[2]);
     }
 
     /**
@@ -287,7 +272,7 @@ public final class OffHeapMap implements AutoCloseable {
         } else {
             gates.enter(partition, "remove");
             try {
-                outcome = MapNatives.remove(handles[partition], key, (int) hash);
+                outcome = CallMemory.remove(handles[partition], key, (int) hash);
             } finally {
                 gates.exit(partition);
             }
@@ -314,7 +299,7 @@ public final class OffHeapMap implements AutoCloseable {
         }
         gates.enter(partition, "containsKey");
         try {
-            return MapNatives.containsKey(handles[partition], key, (int) hash);
+            return CallMemory.containsKey(handles[partition], key, (int) hash);
         } finally {
             gates.exit(partition);
         }

@@ -1,8 +1,9 @@
 package com.velt.rz.corvane.nimbra;
 
 import com.velt.rz.corvane.io.offheap.util.PhantomWindows;
+import java.lang.invoke.MethodHandles;
+import java.lang.invoke.VarHandle;
 import java.nio.ByteBuffer;
-import java.util.concurrent.atomic.AtomicLong;
 
 /**
  * A value as it stands in native memory, seen without a copy. It holds one pin on the value's buffer: the bytes stay
@@ -13,27 +14,41 @@ import java.util.concurrent.atomic.AtomicLong;
  * #close}: the memory may then belong to somebody else, or to nobody.
  */
 public final class PinnedValue implements AutoCloseable {
-    /** Handle of the pinned buffer; 0 once closed. Whoever takes it out drops the pin. */
-    private final AtomicLong handle;
+    private static final VarHandle HANDLE;
 
-    private final ByteBuffer view;
+    static {
+        try {
+            HANDLE = MethodHandles.lookup().findVarHandle(PinnedValue.class, "handle", long.class);
+        } catch (ReflectiveOperationException e) {
+            throw new ExceptionInInitializerError(e);
+        }
+    }
+
+    /** Handle of the pinned buffer; 0 once closed. Whoever takes it out drops the pin. */
+    private volatile long handle;
+
+    private final long address;
+    private final int length;
     private final long revision;
 
-    private PinnedValue(long handle, ByteBuffer view, long revision) {
-        this.handle = new AtomicLong(handle);
-        this.view = view;
+    private PinnedValue(long handle, long address, int length, long revision) {
+        this.handle = handle;
+        this.address = address;
+        this.length = length;
         this.revision = revision;
     }
 
     /**
      * Takes over a pin of {@link MapNatives#pin}, also when it throws.
      *
-     * @param info address, length in bytes and revision, as the native filled them in
+     * @param address of the first byte
+     * @param length in bytes
      */
-    static PinnedValue adopt(long handle, long[] info) {
+    static PinnedValue adopt(long handle, long address, long length, long revision) {
         try {
-            ByteBuffer view = PhantomWindows.readOnlySlice(info[0], Math.toIntExact(info[1]));
-            return new PinnedValue(handle, view, info[2]);
+            // Only what has a window can be shown; afterwards nothing can go wrong.
+            PhantomWindows.prepare(address);
+            return new PinnedValue(handle, address, Math.toIntExact(length), revision);
         } catch (Throwable e) {
             MapNatives.unpin(handle);
             throw e;
@@ -48,7 +63,7 @@ public final class PinnedValue implements AutoCloseable {
      */
     public ByteBuffer buffer() {
         checkOpen("buffer");
-        return view.duplicate();
+        return PhantomWindows.readOnlySlice(address, length);
     }
 
     /**
@@ -58,7 +73,7 @@ public final class PinnedValue implements AutoCloseable {
      */
     public int size() {
         checkOpen("size");
-        return view.capacity();
+        return length;
     }
 
     /**
@@ -75,14 +90,14 @@ public final class PinnedValue implements AutoCloseable {
     /** Drops the pin. Further calls, also at the same time by other threads, do nothing. */
     @Override
     public void close() {
-        long pinned = handle.getAndSet(0);
+        long pinned = (long) HANDLE.getAndSet(this, 0L);
         if (pinned != 0) {
             MapNatives.unpin(pinned);
         }
     }
 
     private void checkOpen(String operation) {
-        if (handle.get() == 0) {
+        if (handle == 0) {
             throw new IllegalStateException("pinned value is closed: no " + operation);
         }
     }

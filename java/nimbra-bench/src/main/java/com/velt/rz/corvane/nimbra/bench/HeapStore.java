@@ -14,7 +14,7 @@ final class HeapStore implements Store {
     private static final VarHandle WORDS = MethodHandles.byteArrayViewVarHandle(long[].class, ByteOrder.BIG_ENDIAN);
 
     /** An array as a key. Keys from this program's own generator need no protection from flooding. */
-    private static final class Key {
+    static final class Key {
         private final byte[] bytes;
         private final int hash;
 
@@ -49,7 +49,11 @@ final class HeapStore implements Store {
 
     @Override
     public long read(byte[] key) {
-        byte[] value = get(key);
+        return sum(get(key));
+    }
+
+    /** The sum of the array's 64-bit words, as {@link Store#read} has it. */
+    static long sum(byte[] value) {
         long sum = 0;
         for (int at = 0; at < value.length; at += Long.BYTES) {
             sum += (long) WORDS.get(value, at);

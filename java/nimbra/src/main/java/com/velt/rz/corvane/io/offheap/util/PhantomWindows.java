@@ -63,6 +63,11 @@ public final class PhantomWindows {
 
     private PhantomWindows() {}
 
+    /** Makes the window over an address now, so that no later view of it has to. */
+    public static void prepare(long address) {
+        windowsOver(address);
+    }
+
     /**
      * Views native memory for reading and writing.
      *

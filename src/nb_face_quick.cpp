@@ -1,0 +1,291 @@
+// State: none.
+#include "nb_face_quick.h"
+
+namespace nimbra::face {
+
+namespace {
+
+// The map lock for reading for one scope, which keeps the list of queues as it is, and the queue of
+// the face's owner; null when the lock could not be had.
+class MapHold {
+ public:
+  explicit MapHold(LuOffHeapMap* map) : map_(map), held_(rdlock(nullptr, map) == 0) {}
+  ~MapHold() {
+    if (held_) unlock(nullptr, map_);
+  }
+  MapHold(const MapHold&) = delete;
+  MapHold& operator=(const MapHold&) = delete;
+  LuOffHeapRevisionOrderQueue* queue() const {
+    return held_ ? map_->revisionQueue[kOwner] : nullptr;
+  }
+
+ private:
+  LuOffHeapMap* map_;
+  bool held_;
+};
+
+// A mutex for one scope; false when it could not be had.
+class SetHold {
+ public:
+  explicit SetHold(BucketSet* set) : set_(set), held_(lockBucketSet(set) == 0) {}
+  ~SetHold() {
+    if (held_) unlockBucketSet(set_);
+  }
+  SetHold(const SetHold&) = delete;
+  SetHold& operator=(const SetHold&) = delete;
+  explicit operator bool() const { return held_; }
+
+ private:
+  BucketSet* set_;
+  bool held_;
+};
+
+class QueueHold {
+ public:
+  explicit QueueHold(LuOffHeapRevisionOrderQueue* queue)
+      : queue_(queue), held_(lockQueue(queue) == 0) {}
+  ~QueueHold() {
+    if (held_) unlockQueue(queue_);
+  }
+  QueueHold(const QueueHold&) = delete;
+  QueueHold& operator=(const QueueHold&) = delete;
+  explicit operator bool() const { return held_; }
+
+ private:
+  LuOffHeapRevisionOrderQueue* queue_;
+  bool held_;
+};
+
+int64_t revisionAt(const LuQueueEntry* entry) {
+  return static_cast<const LuOffHeapValue*>(entry)->revisionNumber;
+}
+
+// REQUIRES: the queue, as for all below. An entry of the table that is in no queue is on its way in
+// or out, by a thread that has let the bucket set go.
+bool isIn(const LuOffHeapRevisionOrderQueue* queue, const LuOffHeapValue* entry) {
+  return entry->revisionOwner == kOwner &&
+         (entry->prev != nullptr || entry->next != nullptr || queue->first == entry);
+}
+
+// Whether the entry belongs at the newest end with that revision.
+bool belongsLast(const LuOffHeapRevisionOrderQueue* queue, const LuOffHeapValue* entry,
+                 int64_t revision) {
+  const LuQueueEntry* before = queue->last == entry ? entry->prev : queue->last;
+  return before == nullptr || revisionAt(before) <= revision;
+}
+
+// Two pins of the entry stand for the links to it, before and after; the neighbours' counts do not
+// change either.
+void linkLast(LuOffHeapRevisionOrderQueue* queue, LuOffHeapValue* entry) {
+  entry->prev = queue->last;
+  entry->next = nullptr;
+  (queue->last == nullptr ? queue->first : queue->last->next) = entry;
+  queue->last = entry;
+}
+
+// Java reads counts without the mutex.
+void setCount(LuOffHeapRevisionOrderQueue* queue, uint32_t count) {
+  __atomic_store_n(&queue->count, count, __ATOMIC_RELAXED);
+}
+
+// Leaves the own links of an entry from the middle, as every removal does.
+void unlink(LuOffHeapRevisionOrderQueue* queue, LuOffHeapValue* entry) {
+  LuQueueEntry* prev = entry->prev;
+  LuQueueEntry* next = entry->next;
+  (prev == nullptr ? queue->first : prev->next) = next;
+  (next == nullptr ? queue->last : next->prev) = prev;
+  if (prev == nullptr) entry->next = nullptr;
+  if (next == nullptr) entry->prev = nullptr;
+}
+
+LuOffHeapValue* predecessorOf(const LuOffHeapValue* entry) {
+  return static_cast<LuOffHeapValue*>(entry->prev);
+}
+
+// A new record, with the pins of chain and queue.
+void enter(JNIEnv* env, LuOffHeapRevisionOrderQueue* queue, LuOffHeapValue* record) {
+  record->pins = 1;
+  if (!belongsLast(queue, record, record->revisionNumber)) {
+    appendToQueue(env, queue, record);
+    return;
+  }
+  record->pins += 2;
+  linkLast(queue, record);
+  setCount(queue, queue->count + 1);
+  if (queue->count > queue->maxCount) queue->maxCount = queue->count;
+}
+
+// Gives an entry of the queue another revision and the place that goes with it.
+void move(JNIEnv* env, LuOffHeapRevisionOrderQueue* queue, LuOffHeapValue* entry,
+          int64_t revision) {
+  const bool last = belongsLast(queue, entry, revision);
+  if (!last || queue->last != entry) {
+    replace_bookmark(env, queue, entry, predecessorOf(entry));
+    if (last) {
+      unlink(queue, entry);
+      linkLast(queue, entry);
+    } else {
+      removeFromQueue(env, queue, entry);
+      entry->prev = nullptr;
+      entry->next = nullptr;
+    }
+  }
+  __atomic_store_n(&entry->revisionNumber, revision, __ATOMIC_RELAXED);
+  if (!last) appendToQueue(env, queue, entry);
+}
+
+}  // namespace
+
+LuOffHeapValue* findQuickly(BucketSet* set, const SearchKey& key, LuOffHeapValue** predecessor) {
+  const ByteBufferHeader* wanted = key.buffer();
+  LuOffHeapValue* before = nullptr;
+  auto* value =
+      static_cast<LuOffHeapValue*>(*getBucketInBucketSet(set, static_cast<uint32_t>(key.hash())));
+  for (; value != nullptr; before = value, value = value->hashNext) {
+    if (value->hashCode != key.hash()) continue;
+    prefetch(value->value);
+    const ByteBufferHeader* stored = value->key;
+    if (stored->dataSize == wanted->dataSize &&
+        std::memcmp(bufferData(stored), bufferData(wanted), stored->dataSize) == 0) {
+      break;
+    }
+  }
+  if (predecessor != nullptr) *predecessor = before;
+  return value;
+}
+
+Quick replaceQuickly(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, BufferCopy& value,
+                     jlong revision, uint64_t* released, const EntryHook* hook) {
+  ByteBufferHeader* old = nullptr;
+  {
+    const MapHold holdsMap(map);
+    LuOffHeapRevisionOrderQueue* queue = holdsMap.queue();
+    if (queue == nullptr) return Quick::ordinary;
+    BucketSet* set = key.setIn(map);
+    const SetHold holdsSet(set);
+    if (!holdsSet) return Quick::ordinary;
+    LuOffHeapValue* entry = findQuickly(set, key);
+    if (entry == nullptr) return Quick::none;
+    prefetch(entry->prev);
+    prefetch(entry->next);
+    overflow_metadata* node = _isDiskOverflowEnabled ? nodeOf(entry) : nullptr;
+    if (node != nullptr && isFlagSet(on_disk, node)) return Quick::ordinary;
+    uint64_t oldLength = 0;
+    {
+      const QueueHold holdsQueue(queue);
+      if (!holdsQueue || entry->value == nullptr || !isIn(queue, entry) ||
+          (node != nullptr && !tryBriefly(node))) {
+        return Quick::ordinary;
+      }
+      move(env, queue, entry, revision);
+      old = entry->value;
+      oldLength = entry->valueLength;
+      entry->valueLength = sizeofByteBufferHeader(value.get());
+      entry->value = value.passOn();
+      if (node != nullptr) {
+        setFlag(in_memory | recently_used, node);
+        endBriefly(node);
+      }
+      if (entry->valueLength != oldLength) {
+        lockIncrement(&map->map->bytesUsed, static_cast<int64_t>(entry->valueLength - oldLength));
+      }
+    }
+    if (released != nullptr) *released = oldLength;
+    if (hook != nullptr) hook->run(hook->context, env, entry);
+  }
+  unpinToFree(env, old, LUOFFHEAPMAPVALUE_VALUE_PIN);
+  return Quick::done;
+}
+
+WriteOutcome update(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, BufferCopy& value,
+                    jlong revision, uint64_t* released, const EntryHook* hook) {
+  if (isQuiet() && key.buffer() != nullptr) {
+    switch (replaceQuickly(env, map, key, value, revision, released, hook)) {
+      case Quick::done: return WriteOutcome::done;
+      case Quick::none: return WriteOutcome::none;
+      default: break;
+    }
+  }
+  return updateInPlace(env, nullptr, map, key.object(), OBJECT_TYPE_JBYTE_ARRAY, key.buffer(),
+                       key.hash(), value.get(), kOwner, revision, released, hook);
+}
+
+namespace {
+
+// Frees a record that nobody has seen; its buffers stay the caller's.
+Quick dropRecord(JNIEnv* env, LuOffHeapValue* record, Quick outcome) {
+  if (_isDiskOverflowEnabled) overflow_metadata_uninit_metadata(env, nodeOf(record));
+  freeLuOffHeapValue(env, nullptr, record);
+  return outcome;
+}
+
+}  // namespace
+
+Quick insertQuickly(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, BufferCopy& keyBuffer,
+                    BufferCopy& value, jlong revision) {
+  LuOffHeapValue* record =
+      newLuOffHeapValue(env, keyBuffer.get(), key.hash(), true, value.get(), kOwner, revision);
+  if (record == nullptr) return Quick::failed;
+  if (_isDiskOverflowEnabled && !prepareUnseenNode(env, nodeOf(record), map->map)) {
+    freeLuOffHeapValue(env, nullptr, record);
+    return Quick::failed;
+  }
+  const MapHold holdsMap(map);
+  LuOffHeapRevisionOrderQueue* queue = holdsMap.queue();
+  if (queue == nullptr) return dropRecord(env, record, Quick::ordinary);
+  BucketSet* set = key.setIn(map);
+  const SetHold holdsSet(set);
+  if (!holdsSet) return dropRecord(env, record, Quick::ordinary);
+  if (findQuickly(set, key) != nullptr) return dropRecord(env, record, Quick::none);
+  {
+    const QueueHold holdsQueue(queue);
+    if (!holdsQueue) return dropRecord(env, record, Quick::ordinary);
+    enter(env, queue, record);
+  }
+  Bucket* bucket = getBucketInBucketSet(set, static_cast<uint32_t>(key.hash()));
+  record->hashNext = static_cast<LuOffHeapValue*>(*bucket);
+  *bucket = record;
+  set->size++;
+  rehashMapEntriesIfNecessary(env, map->map, set, key.hash());
+  lockIncrement(&map->map->bytesUsed, static_cast<int64_t>(getSize_LuValue(env, record)));
+  keyBuffer.passOn();
+  value.passOn();
+  if (_isDiskOverflowEnabled) linkUnseenNode(nodeOf(record));
+  return Quick::done;
+}
+
+Quick removeQuickly(LuOffHeapMap* map, const SearchKey& key, LuOffHeapValue** removed) {
+  LuOffHeapValue* entry = nullptr;
+  {
+    const MapHold holdsMap(map);
+    LuOffHeapRevisionOrderQueue* queue = holdsMap.queue();
+    if (queue == nullptr) return Quick::ordinary;
+    BucketSet* set = key.setIn(map);
+    const SetHold holdsSet(set);
+    if (!holdsSet) return Quick::ordinary;
+    LuOffHeapValue* before = nullptr;
+    entry = findQuickly(set, key, &before);
+    if (entry == nullptr) return Quick::none;
+    prefetch(entry->prev);
+    prefetch(entry->next);
+    {
+      const QueueHold holdsQueue(queue);
+      if (!holdsQueue || !isIn(queue, entry)) return Quick::ordinary;
+      replace_bookmark(nullptr, queue, entry, predecessorOf(entry));
+      unlink(queue, entry);
+      setCount(queue, queue->count - 1);
+    }
+    if (before == nullptr) {
+      *getBucketInBucketSet(set, static_cast<uint32_t>(key.hash())) = entry->hashNext;
+    } else {
+      before->hashNext = entry->hashNext;
+    }
+    set->size--;
+    lockDecrement(&map->map->bytesUsed, static_cast<int64_t>(getSize_LuValue(nullptr, entry)));
+  }
+  lockDecrement(&entry->pins, 2);
+  *removed = entry;
+  return Quick::done;
+}
+
+}  // namespace nimbra::face
