@@ -16,6 +16,7 @@ import org.openjdk.jmh.annotations.Fork;
 import org.openjdk.jmh.annotations.Level;
 import org.openjdk.jmh.annotations.Measurement;
 import org.openjdk.jmh.annotations.Mode;
+import org.openjdk.jmh.annotations.OperationsPerInvocation;
 import org.openjdk.jmh.annotations.OutputTimeUnit;
 import org.openjdk.jmh.annotations.Param;
 import org.openjdk.jmh.annotations.Scope;
@@ -86,6 +87,16 @@ public class OverflowBenchmarks {
         @TearDown(Level.Trial)
         public void close() {
             map.close();
+        }
+    }
+
+    /** A map that every invocation finds empty, its tables grown. */
+    @State(Scope.Benchmark)
+    public static class Empty {
+        /** Clears what the last invocation has put. */
+        @Setup(Level.Invocation)
+        public void clear(Face face) {
+            face.map.clear();
         }
     }
 
@@ -185,6 +196,15 @@ public class OverflowBenchmarks {
     @Benchmark
     public boolean replace(Face face) {
         return face.map.put(face.nextKey(), face.value);
+    }
+
+    /** Puts on keys that are absent. */
+    @Benchmark
+    @OperationsPerInvocation(KEYS)
+    public void insert(Face face, Empty empty) {
+        for (byte[] key : face.keys) {
+            face.map.put(key, face.value);
+        }
     }
 
     /** A removal, and a put on a key that is absent. */
