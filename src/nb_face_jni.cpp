@@ -59,6 +59,14 @@ bool isPresent(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, bool* locke
 
 jint put(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, const JavaBytes& keyBytes,
          BufferCopy& value, jlong revision) {
+  if (isQuiet() && key.buffer() != nullptr && _moreMainMemoryNeededID == nullptr) {
+    bool inserted = false;
+    switch (putQuickly(env, map, key, keyBytes, value, revision, &inserted)) {
+      case Quick::done: return inserted ? 1 : 0;
+      case Quick::failed: return kFailed;
+      default: break;
+    }
+  }
   // Each half is atomic; a key that comes or goes between them sends us round again.
   for (;;) {
     const WriteOutcome updated = update(env, map, key, value, revision);

@@ -154,9 +154,45 @@ LuOffHeapValue* findQuickly(BucketSet* set, const SearchKey& key, LuOffHeapValue
   return value;
 }
 
+namespace {
+
+// What a replacement has taken out of its entry.
+struct Taken {
+  ByteBufferHeader* buffer = nullptr;  // with the entry's pin
+  uint64_t length = 0;                 // its usable bytes
+};
+
+// REQUIRES: map lock and bucket set. False: nothing was done.
+bool replaceHeld(JNIEnv* env, LuOffHeapMap* map, LuOffHeapRevisionOrderQueue* queue,
+                 LuOffHeapValue* entry, BufferCopy& value, jlong revision, Taken* taken) {
+  prefetch(entry->prev);
+  prefetch(entry->next);
+  overflow_metadata* node = _isDiskOverflowEnabled ? nodeOf(entry) : nullptr;
+  if (node != nullptr && isFlagSet(on_disk, node)) return false;
+  const QueueHold holdsQueue(queue);
+  if (!holdsQueue || entry->value == nullptr || !isIn(queue, entry) ||
+      (node != nullptr && !tryBriefly(node))) {
+    return false;
+  }
+  move(env, queue, entry, revision);
+  *taken = {entry->value, entry->valueLength};
+  entry->valueLength = sizeofByteBufferHeader(value.get());
+  entry->value = value.passOn();
+  if (node != nullptr) {
+    setFlag(in_memory | recently_used, node);
+    endBriefly(node);
+  }
+  if (entry->valueLength != taken->length) {
+    lockIncrement(&map->map->bytesUsed, static_cast<int64_t>(entry->valueLength - taken->length));
+  }
+  return true;
+}
+
+}  // namespace
+
 Quick replaceQuickly(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, BufferCopy& value,
                      jlong revision, uint64_t* released, const EntryHook* hook) {
-  ByteBufferHeader* old = nullptr;
+  Taken taken;
   {
     const MapHold holdsMap(map);
     LuOffHeapRevisionOrderQueue* queue = holdsMap.queue();
@@ -166,34 +202,11 @@ Quick replaceQuickly(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, Buffe
     if (!holdsSet) return Quick::ordinary;
     LuOffHeapValue* entry = findQuickly(set, key);
     if (entry == nullptr) return Quick::none;
-    prefetch(entry->prev);
-    prefetch(entry->next);
-    overflow_metadata* node = _isDiskOverflowEnabled ? nodeOf(entry) : nullptr;
-    if (node != nullptr && isFlagSet(on_disk, node)) return Quick::ordinary;
-    uint64_t oldLength = 0;
-    {
-      const QueueHold holdsQueue(queue);
-      if (!holdsQueue || entry->value == nullptr || !isIn(queue, entry) ||
-          (node != nullptr && !tryBriefly(node))) {
-        return Quick::ordinary;
-      }
-      move(env, queue, entry, revision);
-      old = entry->value;
-      oldLength = entry->valueLength;
-      entry->valueLength = sizeofByteBufferHeader(value.get());
-      entry->value = value.passOn();
-      if (node != nullptr) {
-        setFlag(in_memory | recently_used, node);
-        endBriefly(node);
-      }
-      if (entry->valueLength != oldLength) {
-        lockIncrement(&map->map->bytesUsed, static_cast<int64_t>(entry->valueLength - oldLength));
-      }
-    }
-    if (released != nullptr) *released = oldLength;
+    if (!replaceHeld(env, map, queue, entry, value, revision, &taken)) return Quick::ordinary;
+    if (released != nullptr) *released = taken.length;
     if (hook != nullptr) hook->run(hook->context, env, entry);
   }
-  unpinToFree(env, old, LUOFFHEAPMAPVALUE_VALUE_PIN);
+  unpinToFree(env, taken.buffer, LUOFFHEAPMAPVALUE_VALUE_PIN);
   return Quick::done;
 }
 
@@ -219,17 +232,44 @@ Quick dropRecord(JNIEnv* env, LuOffHeapValue* record, Quick outcome) {
   return outcome;
 }
 
+// A record with a node that is ready to be linked; null when memory or a lock was refused.
+LuOffHeapValue* newRecord(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key,
+                          const BufferCopy& keyBuffer, const BufferCopy& value, jlong revision) {
+  LuOffHeapValue* record =
+      newLuOffHeapValue(env, keyBuffer.get(), key.hash(), true, value.get(), kOwner, revision);
+  if (record == nullptr || !_isDiskOverflowEnabled) return record;
+  if (prepareUnseenNode(env, nodeOf(record), map->map)) return record;
+  freeLuOffHeapValue(env, nullptr, record);
+  return nullptr;
+}
+
+// REQUIRES: map lock, bucket set, no entry with that key. False: nothing was done.
+bool insertHeld(JNIEnv* env, LuOffHeapMap* map, LuOffHeapRevisionOrderQueue* queue, BucketSet* set,
+                LuOffHeapValue* record, BufferCopy& keyBuffer, BufferCopy& value) {
+  {
+    const QueueHold holdsQueue(queue);
+    if (!holdsQueue) return false;
+    enter(env, queue, record);
+  }
+  const auto hash = static_cast<uint32_t>(record->hashCode);
+  Bucket* bucket = getBucketInBucketSet(set, hash);
+  record->hashNext = static_cast<LuOffHeapValue*>(*bucket);
+  *bucket = record;
+  set->size++;
+  rehashMapEntriesIfNecessary(env, map->map, set, record->hashCode);
+  lockIncrement(&map->map->bytesUsed, static_cast<int64_t>(getSize_LuValue(env, record)));
+  keyBuffer.passOn();
+  value.passOn();
+  if (_isDiskOverflowEnabled) linkUnseenNode(nodeOf(record));
+  return true;
+}
+
 }  // namespace
 
 Quick insertQuickly(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, BufferCopy& keyBuffer,
                     BufferCopy& value, jlong revision) {
-  LuOffHeapValue* record =
-      newLuOffHeapValue(env, keyBuffer.get(), key.hash(), true, value.get(), kOwner, revision);
+  LuOffHeapValue* record = newRecord(env, map, key, keyBuffer, value, revision);
   if (record == nullptr) return Quick::failed;
-  if (_isDiskOverflowEnabled && !prepareUnseenNode(env, nodeOf(record), map->map)) {
-    freeLuOffHeapValue(env, nullptr, record);
-    return Quick::failed;
-  }
   const MapHold holdsMap(map);
   LuOffHeapRevisionOrderQueue* queue = holdsMap.queue();
   if (queue == nullptr) return dropRecord(env, record, Quick::ordinary);
@@ -237,20 +277,33 @@ Quick insertQuickly(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, Buffer
   const SetHold holdsSet(set);
   if (!holdsSet) return dropRecord(env, record, Quick::ordinary);
   if (findQuickly(set, key) != nullptr) return dropRecord(env, record, Quick::none);
+  if (insertHeld(env, map, queue, set, record, keyBuffer, value)) return Quick::done;
+  return dropRecord(env, record, Quick::ordinary);
+}
+
+Quick putQuickly(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, const JavaBytes& keyBytes,
+                 BufferCopy& value, jlong revision, bool* inserted) {
+  Taken taken;
   {
-    const QueueHold holdsQueue(queue);
-    if (!holdsQueue) return dropRecord(env, record, Quick::ordinary);
-    enter(env, queue, record);
+    const MapHold holdsMap(map);
+    LuOffHeapRevisionOrderQueue* queue = holdsMap.queue();
+    if (queue == nullptr) return Quick::ordinary;
+    BucketSet* set = key.setIn(map);
+    const SetHold holdsSet(set);
+    if (!holdsSet) return Quick::ordinary;
+    LuOffHeapValue* entry = findQuickly(set, key);
+    *inserted = entry == nullptr;
+    if (entry == nullptr) {
+      BufferCopy keyBuffer(env, keyBytes, "Key Data");
+      if (keyBuffer.get() == nullptr) return Quick::failed;
+      LuOffHeapValue* record = newRecord(env, map, key, keyBuffer, value, revision);
+      if (record == nullptr) return Quick::failed;
+      if (insertHeld(env, map, queue, set, record, keyBuffer, value)) return Quick::done;
+      return dropRecord(env, record, Quick::ordinary);
+    }
+    if (!replaceHeld(env, map, queue, entry, value, revision, &taken)) return Quick::ordinary;
   }
-  Bucket* bucket = getBucketInBucketSet(set, static_cast<uint32_t>(key.hash()));
-  record->hashNext = static_cast<LuOffHeapValue*>(*bucket);
-  *bucket = record;
-  set->size++;
-  rehashMapEntriesIfNecessary(env, map->map, set, key.hash());
-  lockIncrement(&map->map->bytesUsed, static_cast<int64_t>(getSize_LuValue(env, record)));
-  keyBuffer.passOn();
-  value.passOn();
-  if (_isDiskOverflowEnabled) linkUnseenNode(nodeOf(record));
+  unpinToFree(env, taken.buffer, LUOFFHEAPMAPVALUE_VALUE_PIN);
   return Quick::done;
 }
 

@@ -33,6 +33,10 @@ Quick replaceQuickly(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, Buffe
 // Inserts an absent key; the buffers' pins pass to the entry. Failed: memory was refused.
 Quick insertQuickly(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, BufferCopy& keyBuffer,
                     BufferCopy& value, jlong revision);
+// Replaces or inserts in one hold of the bucket set, in which memory is asked for: not while an
+// allocation may call Java, which would sweep under it. Failed: memory was refused.
+Quick putQuickly(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, const JavaBytes& keyBytes,
+                 BufferCopy& value, jlong revision, bool* inserted);
 // Takes the entry out of table and queue. The record passes to the caller with one pin.
 Quick removeQuickly(LuOffHeapMap* map, const SearchKey& key, LuOffHeapValue** removed);
 
