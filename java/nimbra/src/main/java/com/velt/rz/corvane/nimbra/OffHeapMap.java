@@ -197,7 +197,8 @@ public final class OffHeapMap implements AutoCloseable {
             CallMemory memory = CallMemory.with(key);
             int length = memory == null ? CallMemory.ORDINARY : memory.get(handles[partition], key.length, (int) hash);
             if (length != CallMemory.ORDINARY) {
-                return memory.value(length);
+                byte[] value = memory.value(length);
+                return overflow == null ? value : overflow.complete(value, 0, name, "get");
             }
             if (overflow == null) {
                 return MapNatives.get(handles[partition], key, (int) hash, null);
@@ -241,7 +242,13 @@ public final class OffHeapMap implements AutoCloseable {
                 return adopt(MapNatives.pin(handles[partition], key, (int) hash, info), info);
             }
             long handle = memory.pin(handles[partition], key.length, (int) hash);
-            return handle > 0 ? memory.adopt(handle) : adopt(handle, new long[3]);
+            if (handle <= 0) {
+                return adopt(handle, new long[3]);
+            }
+            if (overflow != null) {
+                overflow.countMemoryHit();
+            }
+            return memory.adopt(handle);
         } finally {
             gates.exit(partition);
         }
@@ -249,7 +256,7 @@ public final class OffHeapMap implements AutoCloseable {
 
     /** Takes over what {@link MapNatives#pin} found; a value on disk is read first. Inside the partition's gate. */
     private PinnedValue adopt(long found, long[] info) {
-        long handle = found < 0 ? overflow.complete(found, info, name, "pin") : found;
+        long handle = overflow == null ? found : overflow.complete(found, info, name, "pin");
         return handle == 0 ? null : PinnedValue.adopt(handle, info[0], info[1], info[2]);
     }
 

@@ -247,6 +247,11 @@ final class OverflowManager implements OverflowHandler {
         return handle;
     }
 
+    /** Counts a lookup that found its value in memory. */
+    void countMemoryHit() {
+        memoryHits.increment();
+    }
+
     /**
      * Returns the value of a record, which goes back into memory if there is room, and drops the caller's pin on the
      * record. REQUIRES: inside the gate of the entry's partition.

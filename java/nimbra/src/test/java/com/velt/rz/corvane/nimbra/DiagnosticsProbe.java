@@ -93,7 +93,7 @@ final class DiagnosticsProbe {
                 .reduce((earlier, later) -> later)
                 .orElseThrow();
         assertTrue(
-                pin.stack().stream().anyMatch(frame -> frame.contains("com_velt_rz_corvane_nimbra_MapNatives_pin")),
+                pin.stack().stream().anyMatch(frame -> frame.contains("com_velt_rz_corvane_nimbra_CallNatives_pin")),
                 pin::toString);
         assertEquals("Total current pins: 1", report.lines().get(report.lines().size() - 1));
 
