@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "quick_support.h"
+#include "stress_support.h"
 
 namespace nimbra::test::quick {
 namespace {
@@ -128,11 +129,9 @@ class RandomSteps : public QuickRoad, public ::testing::WithParamInterface<Shape
 
 TEST_P(RandomSteps, AllRoadsAgree) {
   const Shape& shape = GetParam();
-  const uint32_t seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
+  std::mt19937_64 random(stress::testSeed());
   const auto below = [&random](int limit) {
-    return static_cast<int>(random() % static_cast<uint32_t>(limit));
+    return static_cast<int>(random() % static_cast<uint64_t>(limit));
   };
   remake(shape.bucketSets, shape.loadFactor);
   constexpr int kKeys = 24;
@@ -205,12 +204,12 @@ TEST_P(QuickLocks, TakesThemInOrder) {
 // and the ordinary one does the work.
 TEST_P(QuickLocks, RefusedOneByOne) {
   run();
-  const std::string done = stateOf(env, map);
+  const std::string done = wholeState(env, map);
   for (int nth = 1;; ++nth) {
     SCOPED_TRACE("acquisition " + std::to_string(nth));
     ASSERT_LE(nth, 20);
     refill();
-    const std::string before = stateOf(env, map);
+    const std::string before = wholeState(env, map);
     const Books books = Books::now();
     int met = 0;
     int heldAfter = -1;
@@ -224,7 +223,7 @@ TEST_P(QuickLocks, RefusedOneByOne) {
         if (!LockTrace::isAcquisition(operation)) return 0;
         if (++met == nth + 1) {
           heldAfter = heldLockCount();
-          after = stateOf(env, map);
+          after = wholeState(env, map);
           booksAfter = Books::now();
         }
         return met == nth ? EINVAL : 0;
@@ -237,7 +236,7 @@ TEST_P(QuickLocks, RefusedOneByOne) {
     if (taken.find("set!") == 0 && GetParam().kind == Kind::kPutIfAbsent) {
       // The look before the insert is the ordinary one, and fails.
       EXPECT_EQ(answer, std::string("-1 raised ") + kIllegalState);
-      EXPECT_EQ(stateOf(env, map), before);
+      EXPECT_EQ(wholeState(env, map), before);
       EXPECT_EQ(Books::now(), books);
       continue;
     }
@@ -248,7 +247,7 @@ TEST_P(QuickLocks, RefusedOneByOne) {
     EXPECT_LE(booksAfter.blocks, books.blocks + GetParam().blocks);
     EXPECT_GT(taken.size(), GetParam().locks.size())
         << "the ordinary road was not taken: " << taken;
-    EXPECT_EQ(stateOf(env, map), done);
+    EXPECT_EQ(wholeState(env, map), done);
     checkMap(env, map);
   }
 }

@@ -29,7 +29,7 @@ inline std::string nameOf(const LuOffHeapValue* entry) {
 }
 
 // Every field of every entry, chain and queue, and every figure, with keys for addresses.
-inline std::string stateOf(JNIEnv* env, LuOffHeapMap* map) {
+inline std::string wholeState(JNIEnv* env, LuOffHeapMap* map) {
   std::ostringstream out;
   const MapHeader* table = map->map;
   out << "bytes " << table->bytesUsed << "\n";
@@ -228,7 +228,7 @@ class Roads {
       const std::string answered = each->run(step);
       const Books after = Books::now();
       const Books changed{after.blocks - before.blocks, after.metadata - before.metadata};
-      const std::string now = stateOf(jni_.env(), each->map());
+      const std::string now = wholeState(jni_.env(), each->map());
       if (each == maps_.front()) {
         answer = answered;
         state = now;
