@@ -138,8 +138,8 @@ final class CallMemory {
     private int write(int mode, long map, int keyLength, int hash, int valueLength, long revision) {
         return switch (mode) {
             case BoundedNatives.PUT -> CallNatives.put(map, address, keyLength, hash, valueLength, revision);
-            case BoundedNatives.PUT_IF_ABSENT ->
-                CallNatives.putIfAbsent(map, address, keyLength, hash, valueLength, revision);
+            case BoundedNatives.PUT_IF_ABSENT -> CallNatives.putIfAbsent(
+                    map, address, keyLength, hash, valueLength, revision);
             default -> CallNatives.replace(map, address, keyLength, hash, valueLength, revision);
         };
     }

@@ -167,8 +167,7 @@ public final class OffHeapMap implements AutoCloseable {
         int outcome;
         gates.enter(partition, operation);
         try {
-            outcome =
-                    CallMemory.write(mode, handles[partition], key, (int) hash, value, revisions.incrementAndGet());
+            outcome = CallMemory.write(mode, handles[partition], key, (int) hash, value, revisions.incrementAndGet());
         } catch (IllegalStateException | OutOfMemoryError | NotEnoughResourcesException e) {
             throw request(operation, key, value).refuse(e);
         } finally {
