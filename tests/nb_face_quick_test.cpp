@@ -6,9 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "quick_support.h"
@@ -261,6 +263,38 @@ INSTANTIATE_TEST_SUITE_P(
         Write{"ReplacePresent", Kind::kReplace, "first", "map read, set, queue", 1, "1"},
         Write{"RemovePresent", Kind::kRemove, "last", "map read, set, queue", 0, "1"}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// ---- Writers that need the map alone -----------------------------------------------------
+
+// The quick writes hold the map lock for reading while they wait for the queue, so that it is never
+// free: whoever wants it for writing, as each revision query does, must get it all the same.
+TEST_F(MapTest, QuickWritesDoNotKeepTheOwnerOfTheMapOut) {
+  constexpr int kWriters = 8;
+  constexpr int kTimes = 50;
+  std::atomic<bool> done{false};
+  std::atomic<int> writing{0};
+  std::vector<std::thread> writers;
+  for (int i = 0; i < kWriters; ++i) {
+    writers.emplace_back([&, i] {
+      ScriptedJni mine;
+      area::Caller calls(mine, map);
+      const std::string key = std::to_string(i);
+      for (jlong revision = 1; !done; ++revision) {
+        EXPECT_GE(calls.put(key, hashOf(key), "value", revision), 0);
+        if (revision == 1) ++writing;
+      }
+    });
+  }
+  while (writing < kWriters) std::this_thread::yield();
+  for (int i = 0; i < kTimes; ++i) {
+    EXPECT_EQ(wrlock(env, map), 0);
+    EXPECT_EQ(unlock(env, map), 0);
+  }
+  done = true;
+  for (std::thread& writer : writers) writer.join();
+  EXPECT_EQ(contentsOf(map).size(), static_cast<size_t>(kWriters));
+  checkMap(env, map);
+}
 
 // ---- Entries that it leaves to the ordinary road -----------------------------------------
 
