@@ -119,8 +119,10 @@ void enter(JNIEnv* env, LuOffHeapRevisionOrderQueue* queue, LuOffHeapValue* reco
 void move(JNIEnv* env, LuOffHeapRevisionOrderQueue* queue, LuOffHeapValue* entry,
           int64_t revision) {
   const bool last = belongsLast(queue, entry, revision);
+  // Also of an entry that stays where it is: with its new revision it lies behind the resume point,
+  // and a query whose bookmark were beyond its start would begin at the head.
+  replace_bookmark(env, queue, entry, predecessorOf(entry));
   if (!last || queue->last != entry) {
-    replace_bookmark(env, queue, entry, predecessorOf(entry));
     if (last) {
       unlink(queue, entry);
       linkLast(queue, entry);

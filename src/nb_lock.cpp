@@ -98,7 +98,7 @@ int mutexUnlock(pthread_mutex_t* mutex, LockRank rank) {
 
 int rwlockInit(pthread_rwlock_t* lock, LockRank rank) {
   if (const int code = injectedFault(rank, lock, LockOp::init)) return code;
-  return pthread_rwlock_init(lock, nullptr);
+  return initWriterFirst(lock);
 }
 
 int rwlockRead(pthread_rwlock_t* lock, LockRank rank) {

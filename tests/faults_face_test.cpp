@@ -2,6 +2,7 @@
 // maps, walks, queries, and the overflow manager's steps.
 
 #include "bounded_support.h"
+#include "call_natives.h"
 #include "com_velt_rz_corvane_nimbra_OverflowNatives.h"
 #include "fault_harness.h"
 
@@ -153,6 +154,66 @@ void addPlain(std::vector<Case>& cases) {
                   .again = false});
   cases.push_back({.native = "MapNatives.hardCapLimit",
                    .call = [](World& w) { return face::hardCapLimit(w.env, nullptr); }});
+}
+
+// ---- Plain maps, through memory of the thread ----------------------------------------------
+
+void addCalls(std::vector<Case>& cases) {
+  static thread_local area::Area memory;
+  cases.push_back({.native = "CallNatives.address",
+                   .arrange =
+                       [](World& w) {
+                         w.words.assign(4, 0);
+                         w.object = w.jni.newDirectBuffer(w.words.data(), 32);
+                       },
+                   .call = [](World& w) -> jlong {
+                     const jlong found = area::address(w.env, nullptr, w.object);
+                     EXPECT_EQ(found, address(w.words.data()));
+                     return found;
+                   }});
+  using Write = jint (*)(JNIEnv*, jclass, jlong, jlong, jint, jint, jint, jlong);
+  const auto write = [&cases](const char* native, const char* variant, Write operation,
+                              std::string_view key) {
+    addBoth(cases, {.native = native,
+                    .variant = variant,
+                    .arrange = filled,
+                    .call = [operation, key](World& w) -> jlong {
+                      return operation(w.env, nullptr, w.handle(), memory.with(key, "new value"),
+                                       area::lengthOf(key), hash(kHere), 9, kRevision);
+                    },
+                    .failure = -1});
+  };
+  write("CallNatives.put", "New", &area::put, kNew);
+  write("CallNatives.put", "Present", &area::put, kHere);
+  write("CallNatives.putIfAbsent", "New", &area::putIfAbsent, kNew);
+  write("CallNatives.putIfAbsent", "Present", &area::putIfAbsent, kHere);
+  write("CallNatives.replace", "Present", &area::replace, kHere);
+  write("CallNatives.replace", "Absent", &area::replace, kNew);
+  cases.push_back({.native = "CallNatives.replace",
+                   .variant = "OnDisk",
+                   .overflow = true,
+                   .arrange = paged,
+                   .call = [](World& w) -> jlong {
+                     return area::replace(w.env, nullptr, w.handle(),
+                                          memory.with(kHere, "new value"), area::lengthOf(kHere),
+                                          hash(kHere), 9, kRevision);
+                   },
+                   .failure = -1});
+  const auto read = [&cases](const char* native, auto operation, Release release,
+                             std::optional<jlong> failure) {
+    addBoth(cases, {.native = native,
+                    .arrange = filled,
+                    .call = [operation](World& w) -> jlong {
+                      return operation(w.env, nullptr, w.handle(), memory.with(kHere),
+                                       area::lengthOf(kHere), hash(kHere));
+                    },
+                    .release = std::move(release),
+                    .failure = failure});
+  };
+  read("CallNatives.get", &area::get, nullptr, area::kAbsent);
+  read("CallNatives.pin", &area::pin, releaseBuffer, 0);
+  read("CallNatives.containsKey", &area::containsKey, nullptr, 0);
+  read("CallNatives.remove", &area::remove, nullptr, -1);
 }
 
 // ---- Bounded maps ------------------------------------------------------------------------
@@ -431,6 +492,7 @@ void addManager(std::vector<Case>& cases) {
 std::vector<Case> faceCases() {
   std::vector<Case> cases;
   addPlain(cases);
+  addCalls(cases);
   addBounded(cases);
   addManager(cases);
   return cases;

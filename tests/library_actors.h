@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "bounded_support.h"
+#include "call_natives.h"
 #include "stress_support.h"
 
 namespace nimbra::test::stress {
@@ -453,14 +454,23 @@ class MixedActor : public ContractActor {
     }
   }
 
-  // The face's natives, on the entries whose keys are arrays.
+  // The face's natives, on the entries whose keys are arrays: with arrays, or with memory of the
+  // thread.
   void faceStep(uint32_t key) {
-    face::Caller calls(thread_.jni(), map_.map);
+    if (thread_.chance(2)) {
+      faceStepOn(area_, key);
+    } else {
+      face::Caller calls(thread_.jni(), map_.map);
+      faceStepOn(calls, key);
+    }
+  }
+  template <typename Calls>
+  void faceStepOn(Calls& calls, uint32_t key) {
     const std::string name = MixedMap::nameOf(key);
     const jint hash = map_.hashOf(key);
     const jlong revision = map_.next();
     const std::string value = valueOf(key, static_cast<uint64_t>(revision));
-    switch (thread_.below(8)) {
+    switch (thread_.below(9)) {
       case 0:
       case 1: count(calls.put(name, hash, value, revision)); break;
       case 2: count(calls.putIfAbsent(name, hash, value, revision)); break;
@@ -471,18 +481,7 @@ class MixedActor : public ContractActor {
           map_.present += -1;
         }
         break;
-      case 5: {
-        const jlongArray onDisk = thread_.jni().newLongArray({0});
-        const jbyteArray found =
-            face::get(env(), nullptr, map(), thread_.array(name), hash, onDisk);
-        if (found != nullptr) {
-          const std::vector<uint8_t> read = thread_.jni().bytesOf(thread_.jni().adopt(found));
-          checkValue({reinterpret_cast<const char*>(read.data()), read.size()}, key);
-        } else if (const jlong record = thread_.jni().longsOf(onDisk)[0]; record != 0) {
-          readOnDisk(record, key);
-        }
-        break;
-      }
+      case 5: read(calls, name, hash, key); break;
       case 6: {
         std::vector<jlong> words;
         const jlong pinned = calls.pin(name, hash, &words);
@@ -494,7 +493,32 @@ class MixedActor : public ContractActor {
         }
         break;
       }
-      default: scan(calls); break;
+      case 7: calls.containsKey(name, hash); break;
+      default: {
+        face::Caller walker(thread_.jni(), map_.map);
+        scan(walker);
+        break;
+      }
+    }
+  }
+  void read(face::Caller&, const std::string& name, jint hash, uint32_t key) {
+    const jlongArray onDisk = thread_.jni().newLongArray({0});
+    const jbyteArray found = face::get(env(), nullptr, map(), thread_.array(name), hash, onDisk);
+    if (found != nullptr) {
+      const std::vector<uint8_t> bytes = thread_.jni().bytesOf(thread_.jni().adopt(found));
+      checkValue({reinterpret_cast<const char*>(bytes.data()), bytes.size()}, key);
+    } else if (const jlong record = thread_.jni().longsOf(onDisk)[0]; record != 0) {
+      readOnDisk(record, key);
+    }
+  }
+  // What has to be read with arrays, the face reads so.
+  void read(area::Caller& calls, const std::string& name, jint hash, uint32_t key) {
+    const jint length = calls.find(name, hash);
+    if (length >= 0) {
+      checkValue(calls.found(length), key);
+    } else if (length == area::kOrdinary) {
+      face::Caller arrays(thread_.jni(), map_.map);
+      read(arrays, name, hash, key);
     }
   }
   void count(jint result) {
@@ -587,6 +611,7 @@ class MixedActor : public ContractActor {
   }
 
   MixedMap& map_;
+  area::Caller area_{thread_.jni(), map_.map};
 };
 
 }  // namespace nimbra::test::stress
