@@ -168,8 +168,7 @@ Quick replaceQuickly(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, Buffe
     if (!holdsSet) return Quick::ordinary;
     LuOffHeapValue* entry = findQuickly(set, key);
     if (entry == nullptr) return Quick::none;
-    prefetch(entry->prev);
-    prefetch(entry->next);
+    prefetchNeighbours(entry);
     overflow_metadata* node = _isDiskOverflowEnabled ? nodeOf(entry) : nullptr;
     if (node != nullptr && isFlagSet(on_disk, node)) return Quick::ordinary;
     uint64_t oldLength = 0;
@@ -268,8 +267,7 @@ Quick removeQuickly(LuOffHeapMap* map, const SearchKey& key, LuOffHeapValue** re
     LuOffHeapValue* before = nullptr;
     entry = findQuickly(set, key, &before);
     if (entry == nullptr) return Quick::none;
-    prefetch(entry->prev);
-    prefetch(entry->next);
+    prefetchNeighbours(entry);
     {
       const QueueHold holdsQueue(queue);
       if (!holdsQueue || !isIn(queue, entry)) return Quick::ordinary;
