@@ -167,8 +167,7 @@ struct Taken {
 // REQUIRES: map lock and bucket set. False: nothing was done.
 bool replaceHeld(JNIEnv* env, LuOffHeapMap* map, LuOffHeapRevisionOrderQueue* queue,
                  LuOffHeapValue* entry, BufferCopy& value, jlong revision, Taken* taken) {
-  prefetch(entry->prev);
-  prefetch(entry->next);
+  prefetchNeighbours(entry);
   overflow_metadata* node = _isDiskOverflowEnabled ? nodeOf(entry) : nullptr;
   if (node != nullptr && isFlagSet(on_disk, node)) return false;
   const QueueHold holdsQueue(queue);
@@ -321,8 +320,7 @@ Quick removeQuickly(LuOffHeapMap* map, const SearchKey& key, LuOffHeapValue** re
     LuOffHeapValue* before = nullptr;
     entry = findQuickly(set, key, &before);
     if (entry == nullptr) return Quick::none;
-    prefetch(entry->prev);
-    prefetch(entry->next);
+    prefetchNeighbours(entry);
     {
       const QueueHold holdsQueue(queue);
       if (!holdsQueue || !isIn(queue, entry)) return Quick::ordinary;

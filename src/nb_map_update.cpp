@@ -461,9 +461,7 @@ LuOffHeapValue* updateEntry(JNIEnv* env, jobject caller, LuOffHeapMap* map, cons
     return nullptr;
   }
   run.point(3);
-  // The neighbours in its queue, which the entry is about to leave.
-  prefetch(existing->prev);
-  prefetch(existing->next);
+  prefetchNeighbours(existing);
   LuOffHeapRevisionOrderQueue* oldQueue = existing->revisionOwner == revisionOwner
                                               ? newQueue
                                               : getQueue(env, map, existing->revisionOwner);

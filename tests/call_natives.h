@@ -7,6 +7,7 @@
 #include <jni.h>
 
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -64,7 +65,9 @@ inline jint lengthOf(std::string_view bytes) { return static_cast<jint>(bytes.si
 // arrays, as Java does.
 class Caller {
  public:
-  Caller(ScriptedJni& jni, LuOffHeapMap* map) : env_(jni.env()), map_(map), arrays_(jni, map) {}
+  Caller(ScriptedJni& jni, LuOffHeapMap* map) : Caller(jni, map, nullptr) {}
+  // With an area that lives longer than these calls.
+  Caller(ScriptedJni& jni, LuOffHeapMap* map, Area& area) : Caller(jni, map, &area) {}
 
   jint put(std::string_view key, jint hash, std::string_view value, jlong revision) {
     const jint result = area::put(env_, nullptr, handle(), area_.with(key, value), lengthOf(key),
@@ -113,6 +116,12 @@ class Caller {
   int ordinary() const { return ordinary_; }
 
  private:
+  Caller(ScriptedJni& jni, LuOffHeapMap* map, Area* area)
+      : env_(jni.env()),
+        map_(map),
+        arrays_(jni, map),
+        own_(area == nullptr ? std::make_unique<Area>() : nullptr),
+        area_(area == nullptr ? *own_ : *area) {}
   jlong handle() const { return natives::handle(map_); }
   bool again(jint result) {
     if (result != kOrdinary) return false;
@@ -123,7 +132,8 @@ class Caller {
   JNIEnv* const env_;
   LuOffHeapMap* const map_;
   face::Caller arrays_;
-  Area area_;
+  const std::unique_ptr<Area> own_;
+  Area& area_;
   int ordinary_ = 0;
 };
 

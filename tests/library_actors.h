@@ -458,7 +458,8 @@ class MixedActor : public ContractActor {
   // thread.
   void faceStep(uint32_t key) {
     if (thread_.chance(2)) {
-      faceStepOn(area_, key);
+      area::Caller calls(thread_.jni(), map_.map, area_);
+      faceStepOn(calls, key);
     } else {
       face::Caller calls(thread_.jni(), map_.map);
       faceStepOn(calls, key);
@@ -611,7 +612,7 @@ class MixedActor : public ContractActor {
   }
 
   MixedMap& map_;
-  area::Caller area_{thread_.jni(), map_.map};
+  area::Area area_;
 };
 
 }  // namespace nimbra::test::stress
