@@ -5,6 +5,7 @@
 // map is deleted only after the last call has left it.
 #include "com_velt_rz_corvane_nimbra_MapNatives.h"
 #include "nb_face.h"
+#include "nb_logging.h"
 
 using namespace nimbra;
 using namespace nimbra::face;
@@ -39,6 +40,7 @@ Found pinValue(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, const char*
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_put(JNIEnv* env, jclass, jlong handle,
                                                     jbyteArray keyArray, jint hash,
                                                     jbyteArray valueArray, jlong revision) {
+  const NativeScope scope(env);
   auto* map = fromHandle<LuOffHeapMap>(handle);
   const SearchKey key(env, keyArray, hash);
   const ArrayCopy value(env, valueArray, "Value Data");
@@ -58,6 +60,7 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_put(JNIEnv* env, jclass, jlong h
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_putIfAbsent(JNIEnv* env, jclass, jlong handle,
                                                             jbyteArray keyArray, jint hash,
                                                             jbyteArray valueArray, jlong revision) {
+  const NativeScope scope(env);
   auto* map = fromHandle<LuOffHeapMap>(handle);
   const SearchKey key(env, keyArray, hash);
   BucketSet* set = key.setIn(map);
@@ -80,6 +83,7 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_putIfAbsent(JNIEnv* env, jclass,
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_replace(JNIEnv* env, jclass, jlong handle,
                                                         jbyteArray keyArray, jint hash,
                                                         jbyteArray valueArray, jlong revision) {
+  const NativeScope scope(env);
   auto* map = fromHandle<LuOffHeapMap>(handle);
   const SearchKey key(env, keyArray, hash);
   const ArrayCopy value(env, valueArray, "Value Data");
@@ -94,12 +98,14 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_replace(JNIEnv* env, jclass, jlo
 jbyteArray Java_com_velt_rz_corvane_nimbra_MapNatives_get(JNIEnv* env, jclass, jlong handle,
                                                           jbyteArray keyArray, jint hash,
                                                           jlongArray onDisk) {
+  const NativeScope scope(env);
   const SearchKey key(env, keyArray, hash);
   return copyFound(env, pinValue(env, fromHandle<LuOffHeapMap>(handle), key, __func__), onDisk);
 }
 
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_remove(JNIEnv* env, jclass, jlong handle,
                                                        jbyteArray keyArray, jint hash) {
+  const NativeScope scope(env);
   const SearchKey key(env, keyArray, hash);
   WriteOutcome outcome;
   LuOffHeapValue* removed =
@@ -118,6 +124,7 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_remove(JNIEnv* env, jclass, jlon
 
 jboolean Java_com_velt_rz_corvane_nimbra_MapNatives_containsKey(JNIEnv* env, jclass, jlong handle,
                                                                 jbyteArray keyArray, jint hash) {
+  const NativeScope scope(env);
   auto* map = fromHandle<LuOffHeapMap>(handle);
   const SearchKey key(env, keyArray, hash);
   BucketSet* set = key.setIn(map);
@@ -130,11 +137,13 @@ jboolean Java_com_velt_rz_corvane_nimbra_MapNatives_containsKey(JNIEnv* env, jcl
 jlong Java_com_velt_rz_corvane_nimbra_MapNatives_pin(JNIEnv* env, jclass, jlong handle,
                                                      jbyteArray keyArray, jint hash,
                                                      jlongArray out) {
+  const NativeScope scope(env);
   const SearchKey key(env, keyArray, hash);
   return handOverPinned(env, pinValue(env, fromHandle<LuOffHeapMap>(handle), key, __func__), out);
 }
 
 void Java_com_velt_rz_corvane_nimbra_MapNatives_unpin(JNIEnv* env, jclass, jlong handle) {
+  const NativeScope scope(env);
   unpinToFree(env, fromHandle<ByteBufferHeader>(handle), JNI_GET_PIN);
 }
 
@@ -177,6 +186,7 @@ void writeChain(JNIEnv* env, LuOffHeapValue* value, jlongArray out, jsize index)
 
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_scan(JNIEnv* env, jclass, jlong handle,
                                                      jlongArray cursorArray, jlongArray out) {
+  const NativeScope scope(env);
   MapHeader* table = fromHandle<LuOffHeapMap>(handle)->map;
   jlong cursor[2];
   env->GetLongArrayRegion(cursorArray, 0, 2, cursor);
@@ -219,6 +229,7 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_scan(JNIEnv* env, jclass, jlong 
 
 void Java_com_velt_rz_corvane_nimbra_MapNatives_unpinAll(JNIEnv* env, jclass, jlongArray out,
                                                          jint from, jint count) {
+  const NativeScope scope(env);
   for (jint i = from; i < from + count; i++) {
     jlong words[kScanWords];
     env->GetLongArrayRegion(out, i * kScanWords, kScanWords, words);
