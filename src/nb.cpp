@@ -85,6 +85,7 @@ using namespace nimbra;
 jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_initializeOffHeap(
     JNIEnv* env, jobject self, jlong max, jlong trimThreshold, jlong mmapThreshold,
     jboolean isDiskOverflowEnabled) {
+  const NativeScope scope(env);
   getLogLevel(env);
   NB_EVENT(
       env, "offHeapMgr=%p max=%lld trimThreshold=%lld mmapThreshold=%lld isDiskOverflowEnabled=%d",
@@ -115,16 +116,19 @@ jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_initializeOffHeap(
 
 jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_finalizeOffHeap(JNIEnv* env,
                                                                             jobject self) {
+  const NativeScope scope(env);
   NB_DEBUG_AS(env, "finalizeOffHeap", "start offheap finalization. offHeapMgr=%p",
               static_cast<void*>(self));
   return JNI_TRUE;
 }
 
 jstring Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getLibraryVersion(JNIEnv* env, jobject) {
+  const NativeScope scope(env);
   return env->NewStringUTF(kBuildString);
 }
 
 void Java_com_velt_rz_corvane_io_offheap_OffHeapManager_setLogLevel(JNIEnv* env, jobject) {
+  const NativeScope scope(env);
   getLogLevel(env);
 }
 

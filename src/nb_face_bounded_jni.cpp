@@ -12,6 +12,7 @@
 
 #include "com_velt_rz_corvane_nimbra_BoundedNatives.h"
 #include "nb_face.h"
+#include "nb_logging.h"
 
 using namespace nimbra;
 using namespace nimbra::face;
@@ -339,6 +340,7 @@ Found pinAndTouch(JNIEnv* env, const Partition& partition, const SearchKey& key,
 jlong Java_com_velt_rz_corvane_nimbra_BoundedNatives_allocateBound(JNIEnv* env, jclass,
                                                                    jlong maximumBytes,
                                                                    jlong maximumEntries) {
+  const NativeScope scope(env);
   void* probeRecord = malloc_nb(env, valueRecordSize(), "LuOffHeapMapValue");
   if (probeRecord == nullptr) return 0;
   const auto recordBytes = static_cast<int64_t>(usableSizeOf(probeRecord));
@@ -352,6 +354,7 @@ jlong Java_com_velt_rz_corvane_nimbra_BoundedNatives_allocateBound(JNIEnv* env, 
 }
 
 void Java_com_velt_rz_corvane_nimbra_BoundedNatives_freeBound(JNIEnv* env, jclass, jlong handle) {
+  const NativeScope scope(env);
   auto* bound = fromHandle<Bound>(handle);
   subtractMetadata(usableSizeOf(bound));
   free_nb(env, bound, sizeof(Bound));
@@ -372,6 +375,7 @@ jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_put(JNIEnv* env, jclass, jlo
                                                         jlong ttl, jbyteArray keyArray, jint hash,
                                                         jbyteArray valueArray, jlong revision,
                                                         jlong now, jlong deadline, jint mode) {
+  const NativeScope scope(env);
   const Partition partition(map, queue, policy, ttl);
   auto* bound = fromHandle<Bound>(boundHandle);
   const SearchKey key(env, keyArray, hash);
@@ -408,6 +412,7 @@ jbyteArray Java_com_velt_rz_corvane_nimbra_BoundedNatives_get(JNIEnv* env, jclas
                                                               jbyteArray keyArray, jint hash,
                                                               jlong now, jlong newDeadline,
                                                               jlongArray onDisk) {
+  const NativeScope scope(env);
   const SearchKey key(env, keyArray, hash);
   return copyFound(
       env, pinAndTouch(env, Partition(map, queue, policy, ttl), key, now, newDeadline, __func__),
@@ -418,6 +423,7 @@ jlong Java_com_velt_rz_corvane_nimbra_BoundedNatives_pin(JNIEnv* env, jclass, jl
                                                          jlong queue, jint policy, jlong ttl,
                                                          jbyteArray keyArray, jint hash, jlong now,
                                                          jlong newDeadline, jlongArray out) {
+  const NativeScope scope(env);
   const SearchKey key(env, keyArray, hash);
   return handOverPinned(
       env, pinAndTouch(env, Partition(map, queue, policy, ttl), key, now, newDeadline, __func__),
@@ -427,6 +433,7 @@ jlong Java_com_velt_rz_corvane_nimbra_BoundedNatives_pin(JNIEnv* env, jclass, jl
 jboolean Java_com_velt_rz_corvane_nimbra_BoundedNatives_containsKey(JNIEnv* env, jclass, jlong map,
                                                                     jbyteArray keyArray, jint hash,
                                                                     jlong now) {
+  const NativeScope scope(env);
   const SearchKey key(env, keyArray, hash);
   return probe(env, Partition(map, 0, kNone, 0), key, now, __func__) == Presence::live ? JNI_TRUE
                                                                                        : JNI_FALSE;
@@ -436,6 +443,7 @@ jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_remove(JNIEnv* env, jclass, 
                                                            jlong bound, jlong queue, jlong ttl,
                                                            jbyteArray keyArray, jint hash,
                                                            jlong now) {
+  const NativeScope scope(env);
   const SearchKey key(env, keyArray, hash);
   bool expired = false;
   const WriteOutcome outcome = removeIf(
@@ -476,6 +484,7 @@ bool drain(JNIEnv* env, LuOffHeapEvictionDataQueue* queue) {
 jboolean Java_com_velt_rz_corvane_nimbra_BoundedNatives_clear(JNIEnv* env, jclass, jlong map,
                                                               jlong boundHandle, jlong queue,
                                                               jlong ttl) {
+  const NativeScope scope(env);
   const Partition partition(map, queue, kNone, ttl);
   MapHeader* table = partition.map->map;
   const int64_t bytes = hashtable_bytesUsed(env, table);
@@ -531,6 +540,7 @@ jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_evict(JNIEnv* env, jclass, j
                                                           jlong boundHandle, jlong queue, jlong ttl,
                                                           jint count, jboolean byDeadline,
                                                           jlong now, jlongArray out) {
+  const NativeScope scope(env);
   const Partition partition(map, queue, kNone, ttl);
   auto* bound = fromHandle<Bound>(boundHandle);
   const bool timed = byDeadline == JNI_TRUE;
@@ -576,6 +586,7 @@ void letRecordsGo(JNIEnv* env, const int64_t* words) {
 void Java_com_velt_rz_corvane_nimbra_BoundedNatives_query(JNIEnv* env, jclass, jlong map,
                                                           jobject result, jint bookmark,
                                                           jlong start, jlong end) {
+  const NativeScope scope(env);
   auto* words = static_cast<int64_t*>(env->GetDirectBufferAddress(result));
   words[0] = 0;
   const ProfiledRun run(qnp, kQueryPositions, kQueryProfile, kQueryLabels);
@@ -592,6 +603,7 @@ void Java_com_velt_rz_corvane_nimbra_BoundedNatives_query(JNIEnv* env, jclass, j
 void Java_com_velt_rz_corvane_nimbra_BoundedNatives_releaseQueried(JNIEnv* env, jclass,
                                                                    jlong valueRecord, jlong keyData,
                                                                    jlong valueData) {
+  const NativeScope scope(env);
   constexpr uint32_t kTransport = JAVA_TRANSPORT_PIN | JNI_CONVERT_FROM_JAVA_PIN;
   unpinToFree(env, headerOfData(fromHandle<void>(keyData)), kTransport);
   if (valueData != 0) unpinToFree(env, headerOfData(fromHandle<void>(valueData)), kTransport);

@@ -6,6 +6,7 @@
 #include "com_velt_rz_corvane_nimbra_CallNatives.h"
 #include "com_velt_rz_corvane_nimbra_MapNatives.h"
 #include "nb_face_quick.h"
+#include "nb_logging.h"
 
 using namespace nimbra;
 using namespace nimbra::face;
@@ -125,6 +126,7 @@ jint remove(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key) {
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_put(JNIEnv* env, jclass, jlong handle,
                                                     jbyteArray keyArray, jint hash,
                                                     jbyteArray valueArray, jlong revision) {
+  const NativeScope scope(env);
   const JavaBytes keyBytes(env, keyArray);
   const SearchKey key(keyBytes, hash);
   BufferCopy value(env, valueArray, "Value Data");
@@ -135,6 +137,7 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_put(JNIEnv* env, jclass, jlong h
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_putIfAbsent(JNIEnv* env, jclass, jlong handle,
                                                             jbyteArray keyArray, jint hash,
                                                             jbyteArray valueArray, jlong revision) {
+  const NativeScope scope(env);
   auto* map = fromHandle<LuOffHeapMap>(handle);
   const JavaBytes keyBytes(env, keyArray);
   const SearchKey key(keyBytes, hash);
@@ -151,6 +154,7 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_putIfAbsent(JNIEnv* env, jclass,
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_replace(JNIEnv* env, jclass, jlong handle,
                                                         jbyteArray keyArray, jint hash,
                                                         jbyteArray valueArray, jlong revision) {
+  const NativeScope scope(env);
   const SearchKey key(env, keyArray, hash);
   BufferCopy value(env, valueArray, "Value Data");
   if (value.get() == nullptr) return kFailed;
@@ -160,17 +164,20 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_replace(JNIEnv* env, jclass, jlo
 jbyteArray Java_com_velt_rz_corvane_nimbra_MapNatives_get(JNIEnv* env, jclass, jlong handle,
                                                           jbyteArray keyArray, jint hash,
                                                           jlongArray onDisk) {
+  const NativeScope scope(env);
   const SearchKey key(env, keyArray, hash);
   return copyFound(env, pinValue(env, fromHandle<LuOffHeapMap>(handle), key, __func__), onDisk);
 }
 
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_remove(JNIEnv* env, jclass, jlong handle,
                                                        jbyteArray keyArray, jint hash) {
+  const NativeScope scope(env);
   return remove(env, fromHandle<LuOffHeapMap>(handle), SearchKey(env, keyArray, hash));
 }
 
 jboolean Java_com_velt_rz_corvane_nimbra_MapNatives_containsKey(JNIEnv* env, jclass, jlong handle,
                                                                 jbyteArray keyArray, jint hash) {
+  const NativeScope scope(env);
   const SearchKey key(env, keyArray, hash);
   bool locked;
   return isPresent(env, fromHandle<LuOffHeapMap>(handle), key, &locked, __func__) ? JNI_TRUE
@@ -180,11 +187,13 @@ jboolean Java_com_velt_rz_corvane_nimbra_MapNatives_containsKey(JNIEnv* env, jcl
 jlong Java_com_velt_rz_corvane_nimbra_MapNatives_pin(JNIEnv* env, jclass, jlong handle,
                                                      jbyteArray keyArray, jint hash,
                                                      jlongArray out) {
+  const NativeScope scope(env);
   const SearchKey key(env, keyArray, hash);
   return handOverPinned(env, pinValue(env, fromHandle<LuOffHeapMap>(handle), key, __func__), out);
 }
 
 void Java_com_velt_rz_corvane_nimbra_MapNatives_unpin(JNIEnv* env, jclass, jlong handle) {
+  const NativeScope scope(env);
   unpinToFree(env, fromHandle<ByteBufferHeader>(handle), JNI_GET_PIN);
 }
 
@@ -226,6 +235,7 @@ jlong Java_com_velt_rz_corvane_nimbra_CallNatives_address(JNIEnv* env, jclass, j
 
 jint Java_com_velt_rz_corvane_nimbra_CallNatives_get(JNIEnv* env, jclass, jlong handle,
                                                      jlong areaHandle, jint keyLength, jint hash) {
+  const NativeScope scope(env);
   const ShortCall call(handle, areaHandle, keyLength, hash);
   BucketSet* set = call.key.setIn(call.map);
   if (lockBucketSet(set) != 0) return kOrdinaryRoad;
@@ -247,6 +257,7 @@ jint Java_com_velt_rz_corvane_nimbra_CallNatives_get(JNIEnv* env, jclass, jlong 
 
 jlong Java_com_velt_rz_corvane_nimbra_CallNatives_pin(JNIEnv* env, jclass, jlong handle,
                                                       jlong areaHandle, jint keyLength, jint hash) {
+  const NativeScope scope(env);
   const ShortCall call(handle, areaHandle, keyLength, hash);
   const Found found = pinValue(env, call.map, call.key, __func__);
   if (found.record != nullptr) return -toHandle(found.record);
@@ -260,6 +271,7 @@ jlong Java_com_velt_rz_corvane_nimbra_CallNatives_pin(JNIEnv* env, jclass, jlong
 jboolean Java_com_velt_rz_corvane_nimbra_CallNatives_containsKey(JNIEnv* env, jclass, jlong handle,
                                                                  jlong areaHandle, jint keyLength,
                                                                  jint hash) {
+  const NativeScope scope(env);
   const ShortCall call(handle, areaHandle, keyLength, hash);
   bool locked;
   return isPresent(env, call.map, call.key, &locked, __func__) ? JNI_TRUE : JNI_FALSE;
@@ -268,6 +280,7 @@ jboolean Java_com_velt_rz_corvane_nimbra_CallNatives_containsKey(JNIEnv* env, jc
 jint Java_com_velt_rz_corvane_nimbra_CallNatives_remove(JNIEnv* env, jclass, jlong handle,
                                                         jlong areaHandle, jint keyLength,
                                                         jint hash) {
+  const NativeScope scope(env);
   const ShortCall call(handle, areaHandle, keyLength, hash);
   return remove(env, call.map, call.key);
 }
@@ -275,6 +288,7 @@ jint Java_com_velt_rz_corvane_nimbra_CallNatives_remove(JNIEnv* env, jclass, jlo
 jint Java_com_velt_rz_corvane_nimbra_CallNatives_put(JNIEnv* env, jclass, jlong handle,
                                                      jlong areaHandle, jint keyLength, jint hash,
                                                      jint valueLength, jlong revision) {
+  const NativeScope scope(env);
   const ShortCall call(handle, areaHandle, keyLength, hash);
   ShortValue value(env, call, valueLength);
   if (value.copy.get() == nullptr) return kFailed;
@@ -286,6 +300,7 @@ jint Java_com_velt_rz_corvane_nimbra_CallNatives_putIfAbsent(JNIEnv* env, jclass
                                                              jlong areaHandle, jint keyLength,
                                                              jint hash, jint valueLength,
                                                              jlong revision) {
+  const NativeScope scope(env);
   const ShortCall call(handle, areaHandle, keyLength, hash);
   bool locked;
   const bool present = isPresent(env, call.map, call.key, &locked, __func__);
@@ -301,6 +316,7 @@ jint Java_com_velt_rz_corvane_nimbra_CallNatives_replace(JNIEnv* env, jclass, jl
                                                          jlong areaHandle, jint keyLength,
                                                          jint hash, jint valueLength,
                                                          jlong revision) {
+  const NativeScope scope(env);
   const ShortCall call(handle, areaHandle, keyLength, hash);
   ShortValue value(env, call, valueLength);
   if (value.copy.get() == nullptr) return kFailed;
@@ -343,6 +359,7 @@ void writeChain(JNIEnv* env, LuOffHeapValue* value, jlongArray out, jsize index)
 
 jint Java_com_velt_rz_corvane_nimbra_MapNatives_scan(JNIEnv* env, jclass, jlong handle,
                                                      jlongArray cursorArray, jlongArray out) {
+  const NativeScope scope(env);
   MapHeader* table = fromHandle<LuOffHeapMap>(handle)->map;
   jlong cursor[2];
   env->GetLongArrayRegion(cursorArray, 0, 2, cursor);
@@ -385,6 +402,7 @@ jint Java_com_velt_rz_corvane_nimbra_MapNatives_scan(JNIEnv* env, jclass, jlong 
 
 void Java_com_velt_rz_corvane_nimbra_MapNatives_unpinAll(JNIEnv* env, jclass, jlongArray out,
                                                          jint from, jint count) {
+  const NativeScope scope(env);
   for (jint i = from; i < from + count; i++) {
     jlong words[kScanWords];
     env->GetLongArrayRegion(out, i * kScanWords, kScanWords, words);

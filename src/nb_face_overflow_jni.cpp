@@ -5,6 +5,7 @@
 #include "cacheiter.h"
 #include "com_velt_rz_corvane_nimbra_OverflowNatives.h"
 #include "nb_face.h"
+#include "nb_logging.h"
 #include "overflow_jni.h"
 
 using namespace nimbra;
@@ -49,6 +50,7 @@ bool install(JNIEnv* env, LuOffHeapValue* value, ByteBufferHeader* buffer, jlong
 
 jlong Java_com_velt_rz_corvane_nimbra_OverflowNatives_nextEvictable(JNIEnv* env, jclass,
                                                                     jlongArray out) {
+  const NativeScope scope(env);
   LuOffHeapValue* value = cacheiter_next_evictable(env);
   if (value == nullptr) return 0;
   const overflow_metadata* node = nodeOf(value);
@@ -69,17 +71,20 @@ jlong Java_com_velt_rz_corvane_nimbra_OverflowNatives_nextEvictable(JNIEnv* env,
 void Java_com_velt_rz_corvane_nimbra_OverflowNatives_evicted(JNIEnv* env, jclass, jlong record,
                                                              jlong chunkPosition, jint chunkSize,
                                                              jlong nextChunk) {
+  const NativeScope scope(env);
   auto* value = fromHandle<LuOffHeapValue>(record);
   pageOut(env, value, chunkPosition, chunkSize, nextChunk);
   unpinLuOffHeapMapValue(env, value, JNI_OVERFLOW_EVICTED_PIN);
 }
 
 void Java_com_velt_rz_corvane_nimbra_OverflowNatives_keep(JNIEnv* env, jclass, jlong record) {
+  const NativeScope scope(env);
   unpinLuOffHeapMapValue(env, fromHandle<LuOffHeapValue>(record), JNI_OVERFLOW_EVICTED_PIN);
 }
 
 jint Java_com_velt_rz_corvane_nimbra_OverflowNatives_beginRead(JNIEnv* env, jclass, jlong record,
                                                                jlongArray out) {
+  const NativeScope scope(env);
   auto* value = fromHandle<LuOffHeapValue>(record);
   overflow_metadata* node = nodeOf(value);
   BucketSet* set = getBucketSet(node->mapHeader, static_cast<uint32_t>(value->hashCode));
@@ -108,6 +113,7 @@ jlong Java_com_velt_rz_corvane_nimbra_OverflowNatives_pageIn(JNIEnv* env, jclass
                                                              jbyteArray payload,
                                                              jlong chunkPosition, jlong revision,
                                                              jlongArray out) {
+  const NativeScope scope(env);
   ByteBufferHeader* buffer = bufferOf(env, payload);
   if (buffer == nullptr) {
     // Without a view to hand over, the value has been read all the same.
@@ -133,5 +139,6 @@ jlong Java_com_velt_rz_corvane_nimbra_OverflowNatives_pageIn(JNIEnv* env, jclass
 
 void Java_com_velt_rz_corvane_nimbra_OverflowNatives_unpinRecord(JNIEnv* env, jclass,
                                                                  jlong record) {
+  const NativeScope scope(env);
   unpinLuOffHeapMapValue(env, fromHandle<LuOffHeapValue>(record), JNI_GET_PIN);
 }

@@ -12,8 +12,8 @@
 #include <cstdint>
 
 #include "nb.h"
-#include "nb_hash.h"
 #include "nb_atomic.h"
+#include "nb_hash.h"
 #include "nb_lock.h"
 
 namespace nimbra {

@@ -52,22 +52,26 @@ jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getAllocatingCountInOff
 
 jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getAllocatingSizeInOffHeap(JNIEnv* env,
                                                                                     jobject) {
+  const NativeScope scope(env);
   return getCurrentSize(env);
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getAllocatingInternalMetadataSize(
     JNIEnv* env, jobject) {
+  const NativeScope scope(env);
   return getCurrentInternalMetadataSize(env);
 }
 
 void Java_com_velt_rz_corvane_io_offheap_OffHeapManager_setInternalTracking(JNIEnv* env, jobject,
                                                                             jboolean on) {
+  const NativeScope scope(env);
   NB_INFO(env, "Internal use only: Using internal byte counting. Current OffHeapSize=%llu",
           static_cast<unsigned long long>(getCurrentSize(env)));
   trackReqSize_Internal = on != JNI_FALSE;
 }
 
 jstring Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getJemallocStats(JNIEnv* env, jobject) {
+  const NativeScope scope(env);
   return jemallocStatistics(env);
 }
 
@@ -75,6 +79,7 @@ jstring Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getJemallocStats(JNIE
 
 jobject Java_com_velt_rz_corvane_io_offheap_OffHeapManager_allocateDirectFromOffHeap(
     JNIEnv* env, jobject, jint size, jbyte unchecked, jbyte kind) {
+  const NativeScope scope(env);
   NB_DEBUG(env, "start sub-allocation. size=%d", size);
   // Java asks for a paged-in value with the length of a stored header-and-data image.
   if (kind == kPagedInBuffer) {
@@ -106,6 +111,7 @@ jobject Java_com_velt_rz_corvane_io_offheap_OffHeapManager_allocateDirectFromOff
 jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_pinJavaByteBuffer(JNIEnv* env, jobject,
                                                                               jobject buffer,
                                                                               jint reason) {
+  const NativeScope scope(env);
   NB_DEBUG_AS(env, "pin", "Start pinning on bytebuffer=%p", static_cast<void*>(buffer));
   ByteBufferHeader* header = headerOfBuffer(env, buffer);
   // Deliberate: the test stands behind the step back, so a buffer without an address passes it. The
@@ -118,18 +124,21 @@ jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_pinJavaByteBuffer(JN
 
 jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_pin_1native(JNIEnv* env, jobject,
                                                                      jlong address, jint reason) {
+  const NativeScope scope(env);
   return pin(env, fromHandle<Pinnable>(address), javaReason(reason));
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_unpin_1native(JNIEnv* env, jobject,
                                                                        jlong address, jint reason) {
+  const NativeScope scope(env);
   return unpinToFree(env, fromHandle<ByteBufferHeader>(address), javaReason(reason));
 }
 
-jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_unpinToFree(JNIEnv* env, jobject,
-                                                                        jobject buffer,
-                                                                        jint reason) {
+namespace {
+
+jboolean unpinJavaBuffer(JNIEnv* env, jobject buffer, jint reason) {
   constexpr char kName[] = "Java_unpinToFree";
+  constexpr char kEventName[] = "Java_com_velt_rz_corvane_io_offheap_OffHeapManager_unpinToFree";
   NB_DEBUG_AS(env, kName, "JavaBB=%p RefType=%d", static_cast<void*>(buffer),
               static_cast<int>(env->GetObjectRefType(buffer)));
   void* data = env->GetDirectBufferAddress(buffer);
@@ -141,18 +150,27 @@ jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_unpinToFree(JNIEnv* 
   ByteBufferHeader* header = headerOfData(data);
   const int32_t pins = unpin(env, header, javaReason(reason));
   // Without this thread's pin the header may be gone, so the count is the one that was left.
-  NB_EVENT(env, "p=%p pins=%d reason=%s", static_cast<void*>(header), pins,
-           getReason(javaReason(reason)));
+  NB_EVENT_AS(env, kEventName, "p=%p pins=%d reason=%s", static_cast<void*>(header), pins,
+              getReason(javaReason(reason)));
   if (pins == 0) freeByteBufferData(env, header);
   NB_DEBUG_AS(env, kName, "completed. JavaBB=%p BB=%p", static_cast<void*>(buffer),
               static_cast<void*>(header));
   return JNI_TRUE;
 }
 
-jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_freeAllToOffHeap(JNIEnv* env,
-                                                                             jobject self,
+}  // namespace
+
+jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_unpinToFree(JNIEnv* env, jobject,
+                                                                        jobject buffer,
+                                                                        jint reason) {
+  const NativeScope scope(env);
+  return unpinJavaBuffer(env, buffer, reason);
+}
+
+jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_freeAllToOffHeap(JNIEnv* env, jobject,
                                                                              jobjectArray buffers,
                                                                              jint reason) {
+  const NativeScope scope(env);
   NB_DEBUG(env, "start freeing a sub-allocated byte buffer.");
   const jsize count = env->GetArrayLength(buffers);
   for (jsize i = 0; i < count; i++) {
@@ -162,14 +180,14 @@ jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_freeAllToOffHeap(JNI
       if (env->ExceptionCheck()) return JNI_FALSE;
       continue;
     }
-    Java_com_velt_rz_corvane_io_offheap_OffHeapManager_unpinToFree(
-        env, self, buffer.get(), static_cast<jint>(javaReason(reason)));
+    unpinJavaBuffer(env, buffer.get(), static_cast<jint>(javaReason(reason)));
   }
   return JNI_TRUE;
 }
 
 void Java_com_velt_rz_corvane_io_offheap_OffHeapManager_freeDirectInternal(JNIEnv* env, jobject,
                                                                            jobject buffer) {
+  const NativeScope scope(env);
   constexpr char kName[] = "Java_freeDirectInternal";
   NB_DEBUG_AS(env, kName, "JavaBB=%p RefType=%d", static_cast<void*>(buffer),
               static_cast<int>(env->GetObjectRefType(buffer)));
@@ -189,6 +207,7 @@ void Java_com_velt_rz_corvane_io_offheap_OffHeapManager_freeDirectInternal(JNIEn
 
 jint Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getOffHeapByteBufferDeserializedType(
     JNIEnv* env, jobject, jobject buffer) {
+  const NativeScope scope(env);
   NB_ENTRY(env, "enter: dbb=%p", static_cast<void*>(buffer));
   void* data = env->GetDirectBufferAddress(buffer);
   const ByteBufferHeader* header = headerOfData(data);
@@ -198,6 +217,7 @@ jint Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getOffHeapByteBufferDese
 
 jint Java_com_velt_rz_corvane_io_offheap_OffHeapManager_setOffHeapByteBufferDeserializedType(
     JNIEnv* env, jobject, jobject buffer, jint type) {
+  const NativeScope scope(env);
   ByteBufferHeader* header = headerOfBuffer(env, buffer);
   const jint previous = header->deserializedType;
   header->deserializedType = static_cast<uint8_t>(type);
@@ -206,6 +226,7 @@ jint Java_com_velt_rz_corvane_io_offheap_OffHeapManager_setOffHeapByteBufferDese
 
 jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getReferenceCountImpl__Ljava_nio_ByteBuffer_2(
     JNIEnv* env, jobject, jobject buffer) {
+  const NativeScope scope(env);
   return lockRead(&headerOfBuffer(env, buffer)->pins);
 }
 
@@ -216,6 +237,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getReferenceCountImpl__
 
 jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getOffHeapAddressImpl(JNIEnv* env, jobject,
                                                                                jobject buffer) {
+  const NativeScope scope(env);
   void* data = env->GetDirectBufferAddress(buffer);
   NB_DEBUG_AS(env, "getOffHeapAddressImpl", "hex representation=%p bbh=%p", data,
               static_cast<void*>(headerOfData(data)));
@@ -224,6 +246,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getOffHeapAddressImpl(J
 
 void Java_com_velt_rz_corvane_io_offheap_OffHeapManager_copyByteBufferToByteArray(
     JNIEnv* env, jobject, jobject source, jbyteArray target, jint length) {
+  const NativeScope scope(env);
   const void* data = env->GetDirectBufferAddress(source);
   void* elements = env->GetPrimitiveArrayCritical(target, nullptr);
   if (elements == nullptr) return;
@@ -235,6 +258,7 @@ void Java_com_velt_rz_corvane_io_offheap_OffHeapManager_copyByteBufferToByteArra
 void Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getChars(JNIEnv* env, jobject,
                                                                  jobject source, jint, jint, jint,
                                                                  jcharArray target, jint count) {
+  const NativeScope scope(env);
   const auto* data = static_cast<const uint8_t*>(env->GetDirectBufferAddress(source));
   auto* chars = static_cast<jchar*>(env->GetPrimitiveArrayCritical(target, nullptr));
   if (chars == nullptr) return;
@@ -247,6 +271,7 @@ void Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getChars(JNIEnv* env, jo
 
 jobject Java_com_velt_rz_corvane_io_offheap_OffHeapManager_allocatePhantom(JNIEnv* env, jobject,
                                                                            jlong address) {
+  const NativeScope scope(env);
   const LocalRef<jobject> buffer(
       env, env->NewDirectByteBuffer(fromHandle<void>(address), kPhantomCapacity));
   if (!buffer) return nullptr;
@@ -270,6 +295,7 @@ jint Java_com_velt_rz_corvane_io_offheap_OffHeapManager_unpinLuOffHeapValue_1nat
                                                                                     jobject,
                                                                                     jlong value,
                                                                                     jint reason) {
+  const NativeScope scope(env);
   return static_cast<jint>(
       unpinLuOffHeapMapValue(env, fromHandle<LuOffHeapValue>(value), javaReason(reason)));
 }
@@ -292,9 +318,11 @@ jint Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getSize_1PerEntryMetadat
 // ---- Diagnostics ---------------------------------------------------------------------------
 
 void Java_com_velt_rz_corvane_io_offheap_OffHeapManager_pinTrack(JNIEnv* env, jobject) {
+  const NativeScope scope(env);
   reportPins(env);
 }
 
 void Java_com_velt_rz_corvane_io_offheap_OffHeapManager_printProfileStats(JNIEnv* env, jobject) {
+  const NativeScope scope(env);
   printAllProf(env);
 }

@@ -1,7 +1,8 @@
 // The trace bridge: formats records and hands them to the static methods of the Java logger.
 //
-// State: the level flags, the logger class. No locks. Nothing reaches Java while an exception is
-// pending, and an exception that the logger throws is cleared: tracing changes no operation.
+// State: the level flags, the logger class, and for each thread the record that its native has
+// lost. No locks. Nothing reaches Java while an exception is pending, and an exception that the
+// logger throws is cleared: tracing changes no operation.
 #include "nb_logging.h"
 
 #include <execinfo.h>
@@ -18,6 +19,7 @@ namespace nimbra {
 LogInfo logInfo;
 Relaxed<bool> trace_initialized;
 Relaxed<jclass> offheap_logger_class;
+Relaxed<bool> NativeScope::recordsLost;
 
 namespace {
 
@@ -25,6 +27,12 @@ constexpr char kLoggerClass[] = "com/velt/rz/corvane/io/offheap/util/OffHeapLogg
 constexpr char kIllegalState[] = "java/lang/IllegalStateException";
 constexpr size_t kRecordArea = 1024;  // bytes, terminator included
 constexpr int kBacktraceFrames = 100;
+constexpr char kRecordSignature[] = "([C)V";
+constexpr char kKeyAndRecord[] = "errorGeneric";
+constexpr char kKeyAndRecordSignature[] = "([C[C)V";
+
+// The logger's method that the thread's native has missed first; null for none.
+thread_local const char* lostMethod;
 
 bool readyToTrace(JNIEnv* env) {
   if (env == nullptr) return true;  // records go to standard output
@@ -34,6 +42,31 @@ bool readyToTrace(JNIEnv* env) {
 
 void clearLoggerException(JNIEnv* env) {
   if (env->ExceptionCheck()) env->ExceptionClear();
+}
+
+// REQUIRES: no exception pending. None is left when the method is missing: the error of the look-up
+// would win over the text that says which record was lost.
+jmethodID findMethod(JNIEnv* env, jclass logger, const char* method, const char* signature) {
+  const jmethodID id = env->GetStaticMethodID(logger, method, signature);
+  if (id == nullptr && env->ExceptionCheck()) env->ExceptionClear();
+  return id;
+}
+
+void raiseMissing(JNIEnv* env, const char* method, const char* signature) {
+  char message[256];
+  std::snprintf(message, sizeof message, "%s. Method signature=%s,%s",
+                "Failed to lookup trace method in the Nimbra library.", method, signature);
+  throw_exception(env, "getOffHeapLoggerMethodID", message);
+}
+
+// The method of a record; null, and noted, when it is missing.
+jmethodID methodOfRecord(JNIEnv* env, const char* method, const char* signature) {
+  if (env->ExceptionCheck()) return nullptr;
+  const jmethodID id = findMethod(env, offheap_logger_class, method, signature);
+  if (id != nullptr) return id;
+  if (lostMethod == nullptr) lostMethod = method;
+  NativeScope::recordsLost = true;
+  return nullptr;
 }
 
 // The format is the caller's, checked at the call by the level functions' attributes.
@@ -103,15 +136,23 @@ void initialize_trace(JNIEnv* env) {
 jmethodID getOffHeapLoggerMethodID(JNIEnv* env, jclass logger, const char* method,
                                    const char* signature) {
   if (env->ExceptionCheck()) return nullptr;
-  const jmethodID id = env->GetStaticMethodID(logger, method, signature);
-  if (id != nullptr) return id;
-  // The failed lookup's own error would win over the text that says which record was lost.
-  if (env->ExceptionCheck()) env->ExceptionClear();
-  char message[256];
-  std::snprintf(message, sizeof message, "%s. Method signature=%s,%s",
-                "Failed to lookup trace method in the Nimbra library.", method, signature);
-  throw_exception(env, "getOffHeapLoggerMethodID", message);
-  return nullptr;
+  const jmethodID id = findMethod(env, logger, method, signature);
+  if (id == nullptr) raiseMissing(env, method, signature);
+  return id;
+}
+
+void NativeScope::enter() {
+  outer_ = lostMethod;
+  lostMethod = nullptr;
+}
+
+void NativeScope::leave() {
+  if (const char* method = lostMethod; method != nullptr) {
+    if (env_->ExceptionCheck()) env_->ExceptionClear();
+    const bool hasKey = std::strcmp(method, kKeyAndRecord) == 0;
+    raiseMissing(env_, method, hasKey ? kKeyAndRecordSignature : kRecordSignature);
+  }
+  lostMethod = outer_;
 }
 
 jcharArray getJavaCharArray(JNIEnv* env, const char* text) {
@@ -145,7 +186,7 @@ void callTraceMethod(JNIEnv* env, const char* method, const char* function, cons
     std::puts(record);
     return;
   }
-  const jmethodID id = getOffHeapLoggerMethodID(env, offheap_logger_class, method, "([C)V");
+  const jmethodID id = methodOfRecord(env, method, kRecordSignature);
   if (id == nullptr) return;
   const LocalRef<jcharArray> text(env, getJavaCharArray(env, record));
   if (text) env->CallStaticVoidMethod(offheap_logger_class, id, text.get());
@@ -205,8 +246,7 @@ void errorGeneric(JNIEnv* env, const char* key, const char* format, ...) {
     std::puts(record);
     return;
   }
-  const jmethodID id =
-      getOffHeapLoggerMethodID(env, offheap_logger_class, "errorGeneric", "([C[C)V");
+  const jmethodID id = methodOfRecord(env, kKeyAndRecord, kKeyAndRecordSignature);
   if (id == nullptr) return;
   const LocalRef<jcharArray> keyChars(env, getJavaCharArray(env, key));
   if (keyChars) {

@@ -54,12 +54,40 @@ void getLogLevel(JNIEnv* env);
 void clearLogLevel(LogInfo& levels);
 // Loads the logger class; raises IllegalStateException when it cannot be had.
 void initialize_trace(JNIEnv* env);
+// A record is lost when the logger lacks its method, and that is to be raised; but no operation may
+// go on with an exception pending. So every native that can trace begins with one of these: the
+// first record lost in it is noted, and raised when the native ends. It then wins over what the
+// native itself has raised since, as the earlier exception. A native that Java calls meanwhile, on
+// the same thread, answers for its own records only.
+class NativeScope {
+ public:
+  explicit NativeScope(JNIEnv* env) : env_(env) {
+    if (recordsLost) enter();
+  }
+  ~NativeScope() {
+    if (recordsLost) leave();
+  }
+  NativeScope(const NativeScope&) = delete;
+  NativeScope& operator=(const NativeScope&) = delete;
+
+  // Whether any thread has ever lost a record; never reset. Until then a scope costs two loads.
+  static Relaxed<bool> recordsLost;
+
+ private:
+  void enter();
+  void leave();
+
+  JNIEnv* env_;
+  const char* outer_ = nullptr;  // what the native around this one has lost
+};
+
 // Looks a static method of the logger up for one call. Null, without a call into Java, while an
 // exception is pending; null with an IllegalStateException when the method is missing.
 jmethodID getOffHeapLoggerMethodID(JNIEnv* env, jclass logger, const char* method,
                                    const char* signature);
-// Formats one record (cut at 1,023 bytes) and hands it to the logger's static `method`; without an
-// environment it goes to standard output. `function` may be null: no prefix.
+// Formats one record (cut at 1,023 bytes) and hands it to the logger's static `method`, whose name
+// is a static text; without an environment it goes to standard output. `function` may be null: no
+// prefix.
 void callTraceMethod(JNIEnv* env, const char* method, const char* function, const char* format,
                      va_list arguments);
 // A new char[] of the text's byte length, each byte sign-extended to one unit; null on failure.

@@ -10,6 +10,7 @@
 #include "com_velt_rz_corvane_io_offheap_impl_LuOffHeapTTLEvictionQueue.h"
 #include "com_velt_rz_corvane_io_offheap_impl_LuOffHeapVoskaEvictionQueue.h"
 #include "nb_jni.h"
+#include "nb_logging.h"
 #include "nb_map_private.h"
 
 using namespace nimbra;
@@ -53,11 +54,13 @@ class AddressList {
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapEvictionDataImpl_allocateAndPinEvictionData(
     JNIEnv* env, jobject, jlong, jobject key, jboolean countKeyHeader) {
+  const NativeScope scope(env);
   return toHandle(allocateEvictionData(env, headerOfBuffer(env, key), countKeyHeader != JNI_FALSE));
 }
 
 jobject Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapEvictionDataImpl_getEvictionKey(
     JNIEnv* env, jobject, jlong, jlong record) {
+  const NativeScope scope(env);
   ByteBufferHeader* key = recordOf(record)->key;
   return newByteBuffer(env, key, static_cast<int32_t>(key->dataSize));
 }
@@ -104,6 +107,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapEvictionDataImpl_getRefe
 
 jboolean Java_com_velt_rz_corvane_io_offheap_OffHeapManager_setEvictionData_1native(
     JNIEnv* env, jobject, jlong value, jlong record, jboolean forTTL) {
+  const NativeScope scope(env);
   return setEvictionDataToLuOffHeapValue(env, fromHandle<LuOffHeapValue>(value), recordOf(record),
                                          forTTL != JNI_FALSE) != 0
              ? JNI_TRUE
@@ -114,6 +118,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getEvictionData_1native
                                                                                  jobject,
                                                                                  jlong handle,
                                                                                  jboolean forTTL) {
+  const NativeScope scope(env);
   const auto* value = fromHandle<LuOffHeapValue>(handle);
   if (value == nullptr) return 0;
   LuOffHeapEvictionData* record =
@@ -127,6 +132,7 @@ jint Java_com_velt_rz_corvane_io_offheap_OffHeapManager_pinLuEvictionData_1nativ
                                                                                   jobject,
                                                                                   jlong record,
                                                                                   jint reason) {
+  const NativeScope scope(env);
   return pin(env, static_cast<Pinnable*>(recordOf(record)), javaReason(reason));
 }
 
@@ -134,6 +140,7 @@ jint Java_com_velt_rz_corvane_io_offheap_OffHeapManager_unpinLuEvictionData_1nat
                                                                                     jobject,
                                                                                     jlong record,
                                                                                     jint reason) {
+  const NativeScope scope(env);
   return static_cast<jint>(unpinLuOffHeapEvictionData(env, recordOf(record), javaReason(reason)));
 }
 
@@ -141,18 +148,21 @@ jint Java_com_velt_rz_corvane_io_offheap_OffHeapManager_unpinLuEvictionData_1nat
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapEvictionQueue_allocateQueue(JNIEnv* env,
                                                                                     jobject) {
+  const NativeScope scope(env);
   return toHandle(allocateQueue(env, kEvictionQueue));
 }
 
 jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapEvictionQueue_clearQueue(JNIEnv* env,
                                                                                     jobject,
                                                                                     jlong queue) {
+  const NativeScope scope(env);
   return clearEvictionQueue(env, queueOf(queue)) ? JNI_TRUE : JNI_FALSE;
 }
 
 jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapEvictionQueue_freeQueue(JNIEnv* env,
                                                                                    jobject,
                                                                                    jlong queue) {
+  const NativeScope scope(env);
   if (!clearEvictionQueue(env, queueOf(queue))) return JNI_FALSE;
   freeQueue(env, queueOf(queue), kEvictionQueue);
   return JNI_TRUE;
@@ -161,6 +171,7 @@ jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapEvictionQueue_freeQue
 jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapEvictionQueue_remove(JNIEnv* env, jobject,
                                                                             jlong queue,
                                                                             jlong record) {
+  const NativeScope scope(env);
   return removeFromEvictionQueue(env, queueOf(queue), recordOf(record));
 }
 
@@ -171,6 +182,7 @@ jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapEvictionQueue_getQueueCou
 
 jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapEvictionQueue_getEvictionList(
     JNIEnv* env, jobject, jlong handle, jlongArray out) {
+  const NativeScope scope(env);
   LuOffHeapEvictionDataQueue* queue = queueOf(handle);
   const jsize length = env->GetArrayLength(out);
   const AddressList list(env, static_cast<uint64_t>(length));
@@ -195,11 +207,13 @@ jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapLRUEvictionQueue_insertLR
                                                                                   jobject,
                                                                                   jlong queue,
                                                                                   jlong record) {
+  const NativeScope scope(env);
   return insertLRUEvictionQueue(env, queueOf(queue), recordOf(record));
 }
 
 jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapLRUEvictionQueue_updateLRU(
     JNIEnv* env, jobject, jlong queue, jlong record) {
+  const NativeScope scope(env);
   return updateLRUEvictionQueue(env, queueOf(queue), recordOf(record)) ? JNI_TRUE : JNI_FALSE;
 }
 
@@ -207,26 +221,31 @@ jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapLFUEvictionQueue_insertLF
                                                                                   jobject,
                                                                                   jlong queue,
                                                                                   jlong record) {
+  const NativeScope scope(env);
   return insertLFUEvictionQueueAndPin(env, queueOf(queue), recordOf(record));
 }
 
 jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapLFUEvictionQueue_updateLFU(
     JNIEnv* env, jobject, jlong queue, jlong record) {
+  const NativeScope scope(env);
   return updateLFUEvictionQueue(env, queueOf(queue), recordOf(record)) ? JNI_TRUE : JNI_FALSE;
 }
 
 jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapTTLEvictionQueue_insertTTL(
     JNIEnv* env, jobject, jlong queue, jlong record, jlong time) {
+  const NativeScope scope(env);
   return insertTTLEvictionQueueAndPin(env, queueOf(queue), recordOf(record), time);
 }
 
 jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapTTLEvictionQueue_updateTTL(
     JNIEnv* env, jobject, jlong queue, jlong record, jlong time) {
+  const NativeScope scope(env);
   return updateTTLEvictionQueue(env, queueOf(queue), recordOf(record), time) ? JNI_TRUE : JNI_FALSE;
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapTTLEvictionQueue_getMinimumTime(
     JNIEnv* env, jobject, jlong queue) {
+  const NativeScope scope(env);
   return getMinimumEvictionTime(env, queueOf(queue));
 }
 
@@ -260,6 +279,7 @@ jlongArray pinDueRecords(JNIEnv* env, LuOffHeapEvictionData* first, jsize count,
 
 jlongArray Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapTTLEvictionQueue_getTTLEvictionList(
     JNIEnv* env, jobject, jlong handle, jlong currentTime) {
+  const NativeScope scope(env);
   LuOffHeapEvictionDataQueue* queue = queueOf(handle);
   NB_ENTRY(env, "queue=%p, currentTime=%lu", static_cast<void*>(queue),
            static_cast<unsigned long>(currentTime));
@@ -284,6 +304,7 @@ jlongArray Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapTTLEvictionQueue_ge
 
 jlongArray Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapVoskaEvictionQueue_getEvictionList(
     JNIEnv* env, jobject, jlong handle, jlong currentTime) {
+  const NativeScope scope(env);
   LuOffHeapEvictionDataQueue* queue = queueOf(handle);
   if (queue == nullptr) return nullptr;
   NB_ENTRY(env, "queue=%p, currentTime=%lu", static_cast<void*>(queue),

@@ -7,6 +7,7 @@
 
 #include "com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl.h"
 #include "nb_jni.h"
+#include "nb_logging.h"
 #include "nb_map_buffers.h"
 #include "overflow.h"
 
@@ -23,6 +24,7 @@ uint16_t ownerOf(jshort owner) { return static_cast<uint16_t>(owner); }
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_allocateLuOffHeapMap(
     JNIEnv* env, jobject, jint /*ignored*/, jint concurrency, jfloat loadFactor, jint mapId,
     jint mapSetId) {
+  const NativeScope scope(env);
   MapHeader* header =
       initializeMap(env, 1, static_cast<uint32_t>(concurrency), loadFactor, false, mapId, mapSetId,
                     getNext_LuValue, getKey_LuValue, getValue_LuValue, getHash_LuValue,
@@ -55,6 +57,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_allocateLuOffHea
 
 jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_deleteLuOffHeapMap(
     JNIEnv* env, jobject, jlong handle) {
+  const NativeScope scope(env);
   auto* map = fromHandle<LuOffHeapMap>(handle);
   NB_DEBUG(env, "luMap=%p", static_cast<void*>(map));
   if (map == nullptr) return JNI_FALSE;
@@ -71,6 +74,7 @@ jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_deleteLuOffHe
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_maxSize(JNIEnv* env, jobject,
                                                                         jlong handle) {
+  const NativeScope scope(env);
   auto* map = fromHandle<LuOffHeapMap>(handle);
   const bool locked = rdlock(env, map) == 0;
   jlong sum = 0;
@@ -85,17 +89,20 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_maxSize(JNIEnv* 
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_size(JNIEnv* env, jobject,
                                                                      jlong handle) {
+  const NativeScope scope(env);
   return hashtable_size(env, fromHandle<LuOffHeapMap>(handle)->map);
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getCurrentBytesUsed(JNIEnv* env,
                                                                                     jobject,
                                                                                     jlong handle) {
+  const NativeScope scope(env);
   return hashtable_bytesUsed(env, fromHandle<LuOffHeapMap>(handle)->map);
 }
 
 jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_clear(JNIEnv* env, jobject,
                                                                          jlong handle) {
+  const NativeScope scope(env);
   auto* map = fromHandle<LuOffHeapMap>(handle);
   hashtable_clear(env, map->map);
   return clearQueues(env, map) ? JNI_TRUE : JNI_FALSE;
@@ -106,6 +113,7 @@ jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_clear(JNIEnv*
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPin(
     JNIEnv* env, jobject self, jlong map, jobject key, jobject value, jshort revisionOwner,
     jlong revisionNumber) {
+  const NativeScope scope(env);
   ByteBufferHeader* keyHeader = headerOfBuffer(env, key);
   return toHandle(insertAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key,
                                OBJECT_TYPE_JBYTE_BUFFER, keyHeader, hashFn(keyHeader), false,
@@ -115,6 +123,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithHashCode(
     JNIEnv* env, jobject self, jlong map, jobject key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return toHandle(insertAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key,
                                OBJECT_TYPE_JBYTE_BUFFER, headerOfBuffer(env, key), hashCode, true,
                                headerOfBuffer(env, value), ownerOf(revisionOwner), revisionNumber));
@@ -124,6 +133,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
     JNIEnv* env, jobject self, jlong map, jbyteArray key, jint keyLength, jbyte keyType,
     jint hashCode, jbyteArray value, jint valueLength, jbyte valueType, jshort revisionOwner,
     jlong revisionNumber) {
+  const NativeScope scope(env);
   const ArrayBuffer keyBuffer(env, key, keyLength, keyType, "Key Data");
   if (!keyBuffer.ok) return 0;
   const ArrayBuffer valueBuffer(env, value, valueLength, valueType, "Value Data");
@@ -136,6 +146,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithHashCodeAndString(
     JNIEnv* env, jobject self, jlong map, jstring key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   const StringBuffer keyBuffer(env, key);
   if (!keyBuffer.ok) return 0;
   const ArrayBuffer valueBuffer(env, value, valueLength, valueType, "Value Data");
@@ -148,6 +159,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithHashCodeAndStringBB(
     JNIEnv* env, jobject self, jlong map, jstring key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   const StringBuffer keyBuffer(env, key);
   if (!keyBuffer.ok) return 0;
   return toHandle(insertAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key, OBJECT_TYPE_JSTRING,
@@ -160,6 +172,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPin(
     JNIEnv* env, jobject self, jlong map, jobject key, jobject value, jshort revisionOwner,
     jlong revisionNumber) {
+  const NativeScope scope(env);
   ByteBufferHeader* keyHeader = headerOfBuffer(env, key);
   return toHandle(updateAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key,
                                OBJECT_TYPE_JBYTE_BUFFER, keyHeader, hashFn(keyHeader), false,
@@ -169,6 +182,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithHashCode(
     JNIEnv* env, jobject self, jlong map, jobject key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return toHandle(updateAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key,
                                OBJECT_TYPE_JBYTE_BUFFER, headerOfBuffer(env, key), hashCode, true,
                                headerOfBuffer(env, value), ownerOf(revisionOwner), revisionNumber));
@@ -177,6 +191,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithHashCodeBA(
     JNIEnv* env, jobject self, jlong map, jbyteArray key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return toHandle(updateAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key,
                                OBJECT_TYPE_JBYTE_ARRAY, nullptr, hashCode, true,
                                headerOfBuffer(env, value), ownerOf(revisionOwner), revisionNumber));
@@ -185,6 +200,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithHashCodeBABA(
     JNIEnv* env, jobject self, jlong map, jbyteArray key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   const ArrayBuffer valueBuffer(env, value, valueLength, valueType, "Value Data");
   if (!valueBuffer.ok) return 0;
   return toHandle(updateAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key,
@@ -195,6 +211,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithHashCodeStringBB(
     JNIEnv* env, jobject self, jlong map, jstring key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return toHandle(updateAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key, OBJECT_TYPE_JSTRING,
                                nullptr, hashCode, true, headerOfBuffer(env, value),
                                ownerOf(revisionOwner), revisionNumber));
@@ -203,6 +220,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithHashCodeStringBA(
     JNIEnv* env, jobject self, jlong map, jstring key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   const ArrayBuffer valueBuffer(env, value, valueLength, valueType, "Value Data");
   if (!valueBuffer.ok) return 0;
   return toHandle(updateAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key, OBJECT_TYPE_JSTRING,
@@ -216,6 +234,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_removeAndGetAndP
                                                                                    jobject self,
                                                                                    jlong map,
                                                                                    jobject key) {
+  const NativeScope scope(env);
   ByteBufferHeader* keyHeader = headerOfBuffer(env, key);
   return toHandle(removeAndGetAndPinLuOffHeapMap(env, self, fromHandle<LuOffHeapMap>(map), key,
                                                  keyHeader, hashFn(keyHeader), false));
@@ -223,24 +242,28 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_removeAndGetAndP
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_removeAndGetAndPinWithHashCode(
     JNIEnv* env, jobject self, jlong map, jobject key, jint hashCode) {
+  const NativeScope scope(env);
   return toHandle(removeAndGetAndPinLuOffHeapMap(env, self, fromHandle<LuOffHeapMap>(map), key,
                                                  headerOfBuffer(env, key), hashCode, true));
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_removeAndGetAndPinWithHashCodeBA(
     JNIEnv* env, jobject self, jlong map, jbyteArray key, jint hashCode) {
+  const NativeScope scope(env);
   return toHandle(removeAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key,
                                OBJECT_TYPE_JBYTE_ARRAY, nullptr, hashCode, true));
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_removeAndGetAndPinWithHashCodeString(
     JNIEnv* env, jobject self, jlong map, jstring key, jint hashCode) {
+  const NativeScope scope(env);
   return toHandle(removeAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key, OBJECT_TYPE_JSTRING,
                                nullptr, hashCode, true));
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_removeAndGetAndPinWithHashCodeNumber(
     JNIEnv* env, jobject self, jlong map, jint hashCode, jdouble key) {
+  const NativeScope scope(env);
   return toHandle(removeAndPin(env, self, fromHandle<LuOffHeapMap>(map), &key, OBJECT_TYPE_JDOUBLE,
                                nullptr, hashCode, true));
 }
@@ -313,6 +336,7 @@ LuOffHeapValue* getValuePinned(JNIEnv* env, const GetRequest& request, ReportLoc
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getLuValue_1ByteArray(
     JNIEnv* env, jobject self, jlong map, jlongArray attributes, jbyteArray key, jint hashCode,
     jlong /*unused*/, jboolean touch, jlong revisionNumber) {
+  const NativeScope scope(env);
   return toHandle(getValuePinned(
       env,
       {self, fromHandle<LuOffHeapMap>(map), &key, OBJECT_TYPE_JBYTE_ARRAY, nullptr, hashCode,
@@ -323,6 +347,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getLuValue_1Byte
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getLuValue_1String(
     JNIEnv* env, jobject self, jlong map, jlongArray attributes, jstring key, jint /*unused*/,
     jint hashCode, jlong /*unused2*/, jboolean touch, jlong revisionNumber) {
+  const NativeScope scope(env);
   return toHandle(getValuePinned(
       env,
       {self, fromHandle<LuOffHeapMap>(map), &key, OBJECT_TYPE_JSTRING, nullptr, hashCode,
@@ -333,6 +358,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getLuValue_1Stri
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getLuValue_1Number(
     JNIEnv* env, jobject self, jlong map, jint hashCode, jint /*unused*/, jboolean touch,
     jlong revisionNumber, jdouble key) {
+  const NativeScope scope(env);
   return toHandle(getValuePinned(
       env,
       {self, fromHandle<LuOffHeapMap>(map), &key, OBJECT_TYPE_JDOUBLE, nullptr, hashCode,
@@ -343,6 +369,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getLuValue_1Numb
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getLuValue_1ByteBuffer(
     JNIEnv* env, jobject self, jlong map, jobject key, jint hashCode, jint /*unused*/,
     jboolean touch, jlong revisionNumber) {
+  const NativeScope scope(env);
   ByteBufferHeader* keyHeader = headerOfBuffer(env, key);
   const char* function = __func__;
   return toHandle(
@@ -377,27 +404,32 @@ jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_containsKey(J
                                                                                jobject self,
                                                                                jlong map,
                                                                                jobject key) {
+  const NativeScope scope(env);
   ByteBufferHeader* keyHeader = headerOfBuffer(env, key);
   return contains(env, self, map, &key, OBJECT_TYPE_JBYTE_BUFFER, keyHeader, hashFn(keyHeader));
 }
 
 jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_containsKeyWithHashCode(
     JNIEnv* env, jobject self, jlong map, jobject key, jint hashCode) {
+  const NativeScope scope(env);
   return contains(env, self, map, &key, OBJECT_TYPE_JBYTE_BUFFER, headerOfBuffer(env, key),
                   hashCode);
 }
 
 jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_containsKeyWithHashCodeBA(
     JNIEnv* env, jobject self, jlong map, jbyteArray key, jint hashCode) {
+  const NativeScope scope(env);
   return contains(env, self, map, &key, OBJECT_TYPE_JBYTE_ARRAY, nullptr, hashCode);
 }
 
 jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_containsKeyWithHashCodeString(
     JNIEnv* env, jobject self, jlong map, jstring key, jint hashCode) {
+  const NativeScope scope(env);
   return contains(env, self, map, &key, OBJECT_TYPE_JSTRING, nullptr, hashCode);
 }
 
 jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_containsKeyWithHashCodeNumber(
     JNIEnv* env, jobject self, jlong map, jint hashCode, jdouble key) {
+  const NativeScope scope(env);
   return contains(env, self, map, &key, OBJECT_TYPE_JDOUBLE, nullptr, hashCode);
 }

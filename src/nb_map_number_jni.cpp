@@ -5,6 +5,7 @@
 // same number for the search format and for the stored type.
 #include "com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl.h"
 #include "nb_jni.h"
+#include "nb_logging.h"
 #include "nb_map_buffers.h"
 
 using namespace nimbra;
@@ -58,6 +59,7 @@ static_assert(OBJECT_TYPE_JBYTE == DESERIALIZED_TYPE_JBYTE &&
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithByte(
     JNIEnv* env, jobject self, jlong map, jbyte key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeArray<OBJECT_TYPE_JBYTE>(insertAndPin, env, self, map, key, hashCode, value,
                                        valueLength, valueType, revisionOwner, revisionNumber);
 }
@@ -65,6 +67,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithByteBB(
     JNIEnv* env, jobject self, jlong map, jbyte key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeBuffer<OBJECT_TYPE_JBYTE>(insertAndPin, env, self, map, key, hashCode, value,
                                         revisionOwner, revisionNumber);
 }
@@ -72,6 +75,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithShort(
     JNIEnv* env, jobject self, jlong map, jshort key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeArray<OBJECT_TYPE_JSHORT>(insertAndPin, env, self, map, key, hashCode, value,
                                         valueLength, valueType, revisionOwner, revisionNumber);
 }
@@ -79,6 +83,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithShortBB(
     JNIEnv* env, jobject self, jlong map, jshort key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeBuffer<OBJECT_TYPE_JSHORT>(insertAndPin, env, self, map, key, hashCode, value,
                                          revisionOwner, revisionNumber);
 }
@@ -86,6 +91,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithInt(
     JNIEnv* env, jobject self, jlong map, jint key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeArray<OBJECT_TYPE_JINT>(insertAndPin, env, self, map, key, hashCode, value,
                                       valueLength, valueType, revisionOwner, revisionNumber);
 }
@@ -93,6 +99,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithIntBB(
     JNIEnv* env, jobject self, jlong map, jint key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeBuffer<OBJECT_TYPE_JINT>(insertAndPin, env, self, map, key, hashCode, value,
                                        revisionOwner, revisionNumber);
 }
@@ -100,6 +107,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithLong(
     JNIEnv* env, jobject self, jlong map, jlong key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeArray<OBJECT_TYPE_JLONG>(insertAndPin, env, self, map, key, hashCode, value,
                                        valueLength, valueType, revisionOwner, revisionNumber);
 }
@@ -107,6 +115,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithLongBB(
     JNIEnv* env, jobject self, jlong map, jlong key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeBuffer<OBJECT_TYPE_JLONG>(insertAndPin, env, self, map, key, hashCode, value,
                                         revisionOwner, revisionNumber);
 }
@@ -114,6 +123,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithFloat(
     JNIEnv* env, jobject self, jlong map, jfloat key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeArray<OBJECT_TYPE_JFLOAT>(insertAndPin, env, self, map, key, hashCode, value,
                                         valueLength, valueType, revisionOwner, revisionNumber);
 }
@@ -121,6 +131,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithFloatBB(
     JNIEnv* env, jobject self, jlong map, jfloat key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeBuffer<OBJECT_TYPE_JFLOAT>(insertAndPin, env, self, map, key, hashCode, value,
                                          revisionOwner, revisionNumber);
 }
@@ -128,6 +139,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithDouble(
     JNIEnv* env, jobject self, jlong map, jdouble key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeArray<OBJECT_TYPE_JDOUBLE>(insertAndPin, env, self, map, key, hashCode, value,
                                          valueLength, valueType, revisionOwner, revisionNumber);
 }
@@ -135,6 +147,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithDoubleBB(
     JNIEnv* env, jobject self, jlong map, jdouble key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeBuffer<OBJECT_TYPE_JDOUBLE>(insertAndPin, env, self, map, key, hashCode, value,
                                           revisionOwner, revisionNumber);
 }
@@ -142,6 +155,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithBoolean(
     JNIEnv* env, jobject self, jlong map, jboolean key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeArray<OBJECT_TYPE_JBOOLEAN>(insertAndPin, env, self, map, key, hashCode, value,
                                           valueLength, valueType, revisionOwner, revisionNumber);
 }
@@ -149,6 +163,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewAndPinWithBooleanBB(
     JNIEnv* env, jobject self, jlong map, jboolean key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeBuffer<OBJECT_TYPE_JBOOLEAN>(insertAndPin, env, self, map, key, hashCode, value,
                                            revisionOwner, revisionNumber);
 }
@@ -158,6 +173,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_insertAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithByte(
     JNIEnv* env, jobject self, jlong map, jbyte key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeArray<OBJECT_TYPE_JBYTE>(updateAndPin, env, self, map, key, hashCode, value,
                                        valueLength, valueType, revisionOwner, revisionNumber);
 }
@@ -165,6 +181,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithByteBB(
     JNIEnv* env, jobject self, jlong map, jbyte key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeBuffer<OBJECT_TYPE_JBYTE>(updateAndPin, env, self, map, key, hashCode, value,
                                         revisionOwner, revisionNumber);
 }
@@ -172,6 +189,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithShort(
     JNIEnv* env, jobject self, jlong map, jshort key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeArray<OBJECT_TYPE_JSHORT>(updateAndPin, env, self, map, key, hashCode, value,
                                         valueLength, valueType, revisionOwner, revisionNumber);
 }
@@ -179,6 +197,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithShortBB(
     JNIEnv* env, jobject self, jlong map, jshort key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeBuffer<OBJECT_TYPE_JSHORT>(updateAndPin, env, self, map, key, hashCode, value,
                                          revisionOwner, revisionNumber);
 }
@@ -186,6 +205,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithInt(
     JNIEnv* env, jobject self, jlong map, jint key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeArray<OBJECT_TYPE_JINT>(updateAndPin, env, self, map, key, hashCode, value,
                                       valueLength, valueType, revisionOwner, revisionNumber);
 }
@@ -193,6 +213,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithIntBB(
     JNIEnv* env, jobject self, jlong map, jint key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeBuffer<OBJECT_TYPE_JINT>(updateAndPin, env, self, map, key, hashCode, value,
                                        revisionOwner, revisionNumber);
 }
@@ -200,6 +221,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithLong(
     JNIEnv* env, jobject self, jlong map, jlong key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeArray<OBJECT_TYPE_JLONG>(updateAndPin, env, self, map, key, hashCode, value,
                                        valueLength, valueType, revisionOwner, revisionNumber);
 }
@@ -207,6 +229,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithLongBB(
     JNIEnv* env, jobject self, jlong map, jlong key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeBuffer<OBJECT_TYPE_JLONG>(updateAndPin, env, self, map, key, hashCode, value,
                                         revisionOwner, revisionNumber);
 }
@@ -214,6 +237,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithFloat(
     JNIEnv* env, jobject self, jlong map, jfloat key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeArray<OBJECT_TYPE_JFLOAT>(updateAndPin, env, self, map, key, hashCode, value,
                                         valueLength, valueType, revisionOwner, revisionNumber);
 }
@@ -221,6 +245,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithFloatBB(
     JNIEnv* env, jobject self, jlong map, jfloat key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeBuffer<OBJECT_TYPE_JFLOAT>(updateAndPin, env, self, map, key, hashCode, value,
                                          revisionOwner, revisionNumber);
 }
@@ -228,6 +253,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithDouble(
     JNIEnv* env, jobject self, jlong map, jdouble key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeArray<OBJECT_TYPE_JDOUBLE>(updateAndPin, env, self, map, key, hashCode, value,
                                          valueLength, valueType, revisionOwner, revisionNumber);
 }
@@ -235,6 +261,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithDoubleBB(
     JNIEnv* env, jobject self, jlong map, jdouble key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeBuffer<OBJECT_TYPE_JDOUBLE>(updateAndPin, env, self, map, key, hashCode, value,
                                           revisionOwner, revisionNumber);
 }
@@ -242,6 +269,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithBoolean(
     JNIEnv* env, jobject self, jlong map, jboolean key, jint hashCode, jbyteArray value,
     jint valueLength, jbyte valueType, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeArray<OBJECT_TYPE_JBOOLEAN>(updateAndPin, env, self, map, key, hashCode, value,
                                           valueLength, valueType, revisionOwner, revisionNumber);
 }
@@ -249,6 +277,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewA
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_updateAndGetNewAndPinWithBooleanBB(
     JNIEnv* env, jobject self, jlong map, jboolean key, jint hashCode, jobject value,
     jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   return writeBuffer<OBJECT_TYPE_JBOOLEAN>(updateAndPin, env, self, map, key, hashCode, value,
                                            revisionOwner, revisionNumber);
 }

@@ -6,6 +6,7 @@
 
 #include "com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl.h"
 #include "nb_jni.h"
+#include "nb_logging.h"
 #include "nb_map_private.h"
 
 using namespace nimbra;
@@ -37,6 +38,7 @@ class LongElements {
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_queryRevisionAndPinWithBounds(
     JNIEnv* env, jobject, jlong handle, jobject resultBuffer, jint bookmarkIndex,
     jlongArray startRevisions, jlongArray endRevisions) {
+  const NativeScope scope(env);
   auto* map = fromHandle<LuOffHeapMap>(handle);
   NB_ENTRY_AS(env, "queryRevisionAndPinWithBounds", "luMapAddress=%p", static_cast<void*>(map));
   auto* result = static_cast<int64_t*>(env->GetDirectBufferAddress(resultBuffer));
@@ -65,12 +67,14 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_queryRevisionAnd
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getAndPinFirstInQueue(
     JNIEnv* env, jobject, jlong map, jint reason, jboolean lock) {
+  const NativeScope scope(env);
   return toHandle(getAndPinFirstInRevisionQueue(env, fromHandle<LuOffHeapMap>(map),
                                                 javaReason(reason), lock == JNI_TRUE));
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getAndPinNextInQueue(
     JNIEnv* env, jobject, jlong map, jlong value, jint reason, jboolean lock) {
+  const NativeScope scope(env);
   return toHandle(getAndPinNextInRevisionQueue(env, fromHandle<LuOffHeapMap>(map),
                                                fromHandle<LuOffHeapValue>(value),
                                                javaReason(reason), lock == JNI_TRUE));
@@ -78,6 +82,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getAndPinNextInQ
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getAndPinNextKeyWithAttributes(
     JNIEnv* env, jobject, jlong map, jlong value, jlongArray attributes, jint reason) {
+  const NativeScope scope(env);
   LuOffHeapValue* next =
       getAndPinNextInRevisionQueue(env, fromHandle<LuOffHeapMap>(map),
                                    fromHandle<LuOffHeapValue>(value), javaReason(reason), false);
@@ -100,6 +105,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getAndPinNextKey
 jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_lockMapAndQueues(JNIEnv* env,
                                                                                 jobject,
                                                                                 jlong handle) {
+  const NativeScope scope(env);
   auto* map = fromHandle<LuOffHeapMap>(handle);
   if (wrlock(env, map) != 0) return 1;
   for (uint32_t i = 0; i < map->numQueues; i++) {
@@ -121,6 +127,7 @@ void Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getChars(JNIEnv* 
                                                                         jobject source, jint, jint,
                                                                         jint, jcharArray target,
                                                                         jint count) {
+  const NativeScope scope(env);
   const auto* data = static_cast<const uint8_t*>(env->GetDirectBufferAddress(source));
   jboolean isCopy = JNI_FALSE;
   auto* characters = static_cast<jchar*>(env->GetPrimitiveArrayCritical(target, &isCopy));
@@ -135,6 +142,7 @@ void Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getChars(JNIEnv* 
 
 void Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_getFullCharBytesFromString(
     JNIEnv* env, jobject, jstring source, jint count, jbyteArray target, jint) {
+  const NativeScope scope(env);
   const jchar* characters = env->GetStringCritical(source, nullptr);
   if (characters == nullptr) return;
   jboolean isCopy = JNI_FALSE;

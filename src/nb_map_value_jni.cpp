@@ -4,6 +4,7 @@
 // in memory. The accessors check nothing beyond what their results say.
 #include "com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl.h"
 #include "nb_jni.h"
+#include "nb_logging.h"
 #include "nb_map_private.h"
 #include "overflow.h"
 
@@ -17,6 +18,7 @@ jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getKeyHashCo
 jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_isValueInMemory(JNIEnv* env,
                                                                                     jobject,
                                                                                     jlong handle) {
+  const NativeScope scope(env);
   const auto* value = fromHandle<LuOffHeapValue>(handle);
   if (value == nullptr) return -1;
   NB_DEBUG(env, "luValue=%p luValue->flags=%hx luValue->key=%p luValue->value=%p",
@@ -38,6 +40,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getRevision
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getReferenceCount(
     JNIEnv* env, jobject, jlong handle) {
+  const NativeScope scope(env);
   auto* value = fromHandle<LuOffHeapValue>(handle);
   const int64_t pins = lockRead(&value->pins);
   NB_DEBUG(env, "value=%p, refCount=%d", static_cast<void*>(value), static_cast<int>(pins));
@@ -47,6 +50,7 @@ jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getReferenc
 jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getKeyInfo(JNIEnv* env, jobject,
                                                                                jlong handle,
                                                                                jlongArray out) {
+  const NativeScope scope(env);
   const auto* value = fromHandle<LuOffHeapValue>(handle);
   const jlong words[3] = {toHandle(bufferData(value->key)),
                           static_cast<jlong>(value->key->dataSize), value->hashCode};
@@ -74,11 +78,13 @@ jint writeValueInfo(JNIEnv* env, jlong handle, jlongArray out) {
 
 jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getValueInfo(
     JNIEnv* env, jobject, jlong value, jint /*unused*/, jlongArray out) {
+  const NativeScope scope(env);
   return writeValueInfo(env, value, out);
 }
 
 jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_staticGetValueInfo(
     JNIEnv* env, jclass, jlong value, jlongArray out) {
+  const NativeScope scope(env);
   NB_DEBUG(env, "value = %p", fromHandle<void>(value));
   return writeValueInfo(env, value, out);
 }
@@ -93,6 +99,7 @@ jint Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getValueType
 
 jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_markClientDirty(
     JNIEnv* env, jobject self, jlong handle) {
+  const NativeScope scope(env);
   const jboolean before =
       Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_isClientDirty(env, self,
                                                                                    handle);
@@ -103,6 +110,7 @@ jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_markClie
 
 jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_unmarkClientDirty(
     JNIEnv* env, jobject self, jlong handle) {
+  const NativeScope scope(env);
   const jboolean before =
       Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_isClientDirty(env, self,
                                                                                    handle);
@@ -119,6 +127,7 @@ jboolean Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_isClient
 
 jlong Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapValueImpl_getSize(JNIEnv* env, jobject,
                                                                              jlong value) {
+  const NativeScope scope(env);
   auto* record = fromHandle<LuOffHeapValue>(value);
   const bool locked =
       _isDiskOverflowEnabled && overflow_metadata_lock(env, "getSize", nodeOf(record));

@@ -5,6 +5,7 @@
 #include "nb.h"
 #include "nb_hashtable.h"
 #include "nb_jni.h"
+#include "nb_logging.h"
 #include "nb_map.h"
 
 using namespace nimbra;
@@ -18,6 +19,7 @@ Java_com_velt_rz_corvane_io_offheap_OffHeapManager_getSize_1Pinnable(JNIEnv*, jc
 JNIEXPORT jlong JNICALL
 Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_allocateLuOffHeapMapValue(
     JNIEnv* env, jobject, jobject key, jobject value, jshort revisionOwner, jlong revisionNumber) {
+  const NativeScope scope(env);
   ByteBufferHeader* keyHeader = headerOfBuffer(env, key);
   return toHandle(allocateLuOffHeapMapValue(env, keyHeader, hashFn(keyHeader), false,
                                             headerOfBuffer(env, value),
@@ -28,6 +30,7 @@ JNIEXPORT jlong JNICALL
 Java_com_velt_rz_corvane_io_offheap_impl_LuOffHeapMapImpl_allocateLuOffHeapMapValueWithHashCode(
     JNIEnv* env, jobject, jobject key, jint hashCode, jobject value, jshort revisionOwner,
     jlong revisionNumber) {
+  const NativeScope scope(env);
   return toHandle(allocateLuOffHeapMapValue(env, headerOfBuffer(env, key), hashCode, true,
                                             headerOfBuffer(env, value),
                                             static_cast<uint16_t>(revisionOwner), revisionNumber));

@@ -146,6 +146,7 @@ using namespace nimbra;
 jintArray Java_com_velt_rz_corvane_io_offheap_overflow_NOFStruct_getOverflowState(JNIEnv* env,
                                                                                   jclass,
                                                                                   jlong handle) {
+  const NativeScope scope(env);
   constexpr char kName[] = "getOverflowState";
   auto* value = fromHandle<LuOffHeapValue>(handle);
   NB_ENTRY_AS(env, kName, "getOverflowState, address=%p", static_cast<void*>(value));
@@ -177,6 +178,7 @@ jintArray Java_com_velt_rz_corvane_io_offheap_overflow_NOFStruct_getOverflowStat
 jlongArray Java_com_velt_rz_corvane_io_offheap_overflow_NOFStruct_getChunkPtrAndSize(JNIEnv* env,
                                                                                      jclass,
                                                                                      jlong handle) {
+  const NativeScope scope(env);
   auto* value = fromHandle<LuOffHeapValue>(handle);
   NB_ENTRY(env, "luOffHeapValueAddress = %p", static_cast<void*>(value));
   overflow_metadata* node = nodeOf(value);
@@ -194,6 +196,7 @@ jlongArray Java_com_velt_rz_corvane_io_offheap_overflow_NOFStruct_getChunkPtrAnd
 jlong Java_com_velt_rz_corvane_io_offheap_overflow_NOFStruct_evictedToDisk(
     JNIEnv* env, jclass, jlong handle, jlong chunkPtrOffset, jint chunkSize,
     jlong nextChunkPtrOffset) {
+  const NativeScope scope(env);
   pageOut(env, fromHandle<LuOffHeapValue>(handle), chunkPtrOffset, chunkSize, nextChunkPtrOffset);
   return handle;
 }
@@ -202,6 +205,7 @@ void Java_com_velt_rz_corvane_io_offheap_overflow_NOFStruct_valueToLuOffHeapValu
                                                                                   jclass,
                                                                                   jobject buffer,
                                                                                   jlong handle) {
+  const NativeScope scope(env);
   ByteBufferHeader* header = headerOfBuffer(env, buffer);
   if (header == nullptr) {
     throw_exception(env, __func__, "Error from GetDirectBufferAddress (returned NULL)");
@@ -212,6 +216,7 @@ void Java_com_velt_rz_corvane_io_offheap_overflow_NOFStruct_valueToLuOffHeapValu
 
 jlongArray Java_com_velt_rz_corvane_io_offheap_overflow_NOFStruct_lockValidAndGetChunkPtr(
     JNIEnv* env, jclass, jlong handle) {
+  const NativeScope scope(env);
   auto* value = fromHandle<LuOffHeapValue>(handle);
   overflow_metadata* node = nodeOf(value);
   jlong words[kChunkWords] = {};
@@ -260,16 +265,19 @@ jlong Java_com_velt_rz_corvane_io_offheap_overflow_NOFStruct_setNextChunkPtrOffs
 jlong Java_com_velt_rz_corvane_io_offheap_overflow_Overflow_lockBucketSetAndMetadata(JNIEnv* env,
                                                                                      jclass,
                                                                                      jlong handle) {
+  const NativeScope scope(env);
   return lockBucketSetAndNode(env, __func__, fromHandle<LuOffHeapValue>(handle));
 }
 
 jint Java_com_velt_rz_corvane_io_offheap_overflow_Overflow_unlockBucketSetAndMetadata(
     JNIEnv* env, jclass, jlong handle) {
+  const NativeScope scope(env);
   return unlockBucketSetAndNode(env, __func__, fromHandle<LuOffHeapValue>(handle));
 }
 
 jboolean Java_com_velt_rz_corvane_io_offheap_overflow_Overflow_unlockMetadata(JNIEnv* env, jclass,
                                                                               jlong handle) {
+  const NativeScope scope(env);
   const bool unlocked =
       overflow_metadata_unlock(env, __func__, nodeOf(fromHandle<LuOffHeapValue>(handle)));
   return unlocked ? JNI_TRUE : JNI_FALSE;
@@ -278,6 +286,7 @@ jboolean Java_com_velt_rz_corvane_io_offheap_overflow_Overflow_unlockMetadata(JN
 // ---- Utils ---------------------------------------------------------------------------------
 
 void Java_com_velt_rz_corvane_io_offheap_overflow_Utils_printPthreadID(JNIEnv* env, jclass) {
+  const NativeScope scope(env);
   NB_DEBUG(env, "pthread_self() = %d", static_cast<int>(pthread_self()));
 }
 
@@ -287,20 +296,24 @@ void Java_com_velt_rz_corvane_io_offheap_overflow_CacheIter_init(JNIEnv* env, jc
                                                                  jlong onEntryNumItems,
                                                                  jlong maxNumItems,
                                                                  jboolean trackStats) {
+  const NativeScope scope(env);
   cacheiter_init(env, onEntryNumItems, maxNumItems, trackStats == JNI_TRUE);
 }
 
 jlong Java_com_velt_rz_corvane_io_offheap_overflow_CacheIter_advanceAndNextEvictable(JNIEnv* env,
                                                                                      jclass) {
+  const NativeScope scope(env);
   return toHandle(cacheiter_next_evictable(env));
 }
 
 void Java_com_velt_rz_corvane_io_offheap_overflow_CacheIter_dispose(JNIEnv* env, jclass) {
+  const NativeScope scope(env);
   cacheiter_dispose(env);
 }
 
 jlongArray Java_com_velt_rz_corvane_io_offheap_overflow_CacheIter_getSweepState(JNIEnv* env,
                                                                                 jclass) {
+  const NativeScope scope(env);
   jlong words[kSweepStateWords];
   cacheiter_state(env, words);
   return newLongs(env, words, kSweepStateWords);

@@ -13,14 +13,15 @@
 namespace nimbra::test::fault {
 
 enum class Outcome {
-  kFails,           // the rule
-  kFailsQuietly,    // the fault's exception was cleared, or it had none
-  kFailsPartly,     // as the rule, but a step before the failing one stays
-  kReports,         // the library has raised an exception of its own
-  kReportsPartly,   // likewise where the fault had none, and a step stays
-  kFindsNothing,    // answers as if the key were absent, and nothing has changed
-  kSucceeds,        // as if nothing had happened, and nothing is pending
-  kSucceedsPartly,  // likewise, but for a side effect that the reason names
+  kFails,               // the rule
+  kFailsQuietly,        // the fault's exception was cleared, or it had none
+  kFailsPartly,         // as the rule, but a step before the failing one stays
+  kReports,             // the library has raised an exception of its own
+  kReportsPartly,       // likewise where the fault had none, and a step stays
+  kFindsNothing,        // answers as if the key were absent, and nothing has changed
+  kSucceeds,            // as if nothing had happened, and nothing is pending
+  kSucceedsAndReports,  // likewise, but the library raises an exception of its own at the end
+  kSucceedsPartly,      // likewise, but for a side effect that the reason names
 };
 
 struct OutcomeRow {
@@ -32,6 +33,8 @@ struct OutcomeRow {
 inline constexpr OutcomeRow kOutcomes[] = {
     // Tracing.
     {"*", "traced throws:*", Outcome::kSucceeds, "a lost record changes nothing"},
+    {"*", "traced null:GetStaticMethodID", Outcome::kSucceedsAndReports,
+     "a logger without its method is raised when the native has done its work"},
     // Memory.
     {"*", "*:Bookmarks", Outcome::kSucceeds, "a query without its bookmark begins at the head"},
     {"LuOffHeapMapImpl_allocateLuOffHeapMap*", "memory:Bucket[[]]", Outcome::kReports,

@@ -5,122 +5,23 @@
 #include <functional>
 
 #include "bounded_support.h"
+#include "refusal_support.h"
 
 namespace nimbra::test::bounded {
 namespace {
 
-// Makes the nth acquisition of any lock fail; releases do not count.
-class FailAcquisition {
- public:
-  explicit FailAcquisition(int nth) : nth_(nth) {
-    EXPECT_EQ(faults::failLock, nullptr) << "one guard at a time";
-    active_ = this;
-    faults::failLock = &FailAcquisition::hook;
+// Where in an operation a lock was refused.
+std::string siteOf(const FailAcquisition& guard, const Partition& partition) {
+  if (!guard.fired()) return "none";
+  switch (guard.rank()) {
+    case LockRank::map: return guard.isMapWrite() ? "map write" : "map read";
+    case LockRank::bucketSet: return "set";
+    default: break;
   }
-  ~FailAcquisition() {
-    faults::failLock = nullptr;
-    active_ = nullptr;
-  }
-  FailAcquisition(const FailAcquisition&) = delete;
-  FailAcquisition& operator=(const FailAcquisition&) = delete;
-
-  bool fired() const { return seen_ >= nth_; }
-  std::string site(const Partition& partition) const {
-    switch (rank_) {
-      case LockRank::map: return operation_ == LockOp::writeLock ? "map write" : "map read";
-      case LockRank::bucketSet: return "set";
-      default: break;
-    }
-    if (lock_ == &natives::asEvictionQueue(partition.queue)->mutex) return "use queue";
-    if (lock_ == &natives::asEvictionQueue(partition.ttl)->mutex) return "time queue";
-    return "revision queue";
-  }
-
- private:
-  static int hook(LockRank rank, const void* lock, LockOp operation) {
-    FailAcquisition& guard = *active_;
-    if (operation == LockOp::unlock || operation == LockOp::init || ++guard.seen_ != guard.nth_) {
-      return 0;
-    }
-    guard.rank_ = rank;
-    guard.operation_ = operation;
-    guard.lock_ = lock;
-    return EINVAL;
-  }
-  static inline FailAcquisition* active_ = nullptr;
-
-  const int nth_;
-  int seen_ = 0;
-  LockRank rank_ = LockRank::map;
-  LockOp operation_ = LockOp::init;
-  const void* lock_ = nullptr;
-};
-
-// The class of what an operation left pending; empty for nothing.
-std::string raised(ScriptedJni& jni) {
-  const std::optional<Thrown> thrown = jni.takePending();
-  return thrown.has_value() ? thrown->className : "";
+  if (guard.lock() == &natives::asEvictionQueue(partition.queue)->mutex) return "use queue";
+  if (guard.lock() == &natives::asEvictionQueue(partition.ttl)->mutex) return "time queue";
+  return "revision queue";
 }
-
-constexpr const char* kSilent = "";
-
-// The ways in which memory is refused, and what shows of it.
-struct Refusal {
-  enum Way { kNothingLeft, kOverMaximum, kOverMaximumAfterwards } way;
-  const char* exceptionClass;
-  int64_t blocks;  // by which the count of live blocks stays raised
-};
-constexpr Refusal kRefusals[] = {
-    {Refusal::kNothingLeft, kSilent, 0},
-    {Refusal::kOverMaximum, kIllegalState, 0},
-    {Refusal::kOverMaximumAfterwards, kOutOfMemory, 1},
-};
-
-// Refuses the nth allocation in one of these ways.
-class Refuse {
- public:
-  Refuse(ScriptedJni& jni, int nth, const Refusal& refusal) {
-    if (refusal.way == Refusal::kOverMaximumAfterwards) {
-      after_.emplace(jni, nth);
-    } else {
-      before_.emplace(nth, refusal.way == Refusal::kOverMaximum
-                               ? RefuseAllocation::Way::kOverMaximum
-                               : RefuseAllocation::Way::kNothingLeft);
-    }
-  }
-  bool fired() const { return before_.has_value() ? before_->fired() : after_->fired(); }
-
- private:
-  std::optional<RefuseAllocation> before_;
-  std::optional<RefuseAfterwards> after_;
-};
-
-// Finds the value record that was allocated last, by its trace.
-class WatchRecords {
- public:
-  explicit WatchRecords(ScriptedJni& jni) : jni_(jni) { logInfo.debug = true; }
-  ~WatchRecords() {
-    logInfo.debug = false;
-    jni_.clearRecords();
-  }
-  WatchRecords(const WatchRecords&) = delete;
-  WatchRecords& operator=(const WatchRecords&) = delete;
-
-  LuOffHeapValue* last() const {
-    constexpr std::string_view kBefore = "JNI:malloc_nb:jemalloc=";
-    for (auto record = jni_.records().rbegin(); record != jni_.records().rend(); ++record) {
-      if (record->text.starts_with(kBefore) && record->text.ends_with("type=LuOffHeapMapValue")) {
-        return reinterpret_cast<LuOffHeapValue*>(
-            std::strtoull(record->text.c_str() + kBefore.size(), nullptr, 16));
-      }
-    }
-    ADD_FAILURE() << "no value record was allocated";
-    return nullptr;
-  }
-
- private:
-  ScriptedJni& jni_;
-};
 
 // What there is: key=value of each entry, the order of the two eviction queues, the entries in the
 // revision queue.
@@ -489,7 +390,7 @@ TEST_P(BoundedRefusals, LocksRefusedAtEveryPoint) {
       const FailAcquisition guard(static_cast<int>(site) + 1);
       result = run();
       fired = guard.fired();
-      name = fired ? guard.site(partition()) : "none";
+      name = siteOf(guard, partition());
       if (fired && site < operation().locks.size() && operation().locks[site].kept == kRecord) {
         kept = records.last();
       }

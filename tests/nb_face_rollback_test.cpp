@@ -2,126 +2,25 @@
 // every point in turn: what they answer, what stays, and that nothing is left behind.
 
 #include <algorithm>
-#include <cstdlib>
 #include <functional>
 #include <optional>
 
 #include "face_support.h"
 #include "nb_map_private.h"
+#include "refusal_support.h"
 
 namespace nimbra::test::face {
 namespace {
 
-// Makes the nth acquisition of any lock fail; releases do not count.
-class FailAcquisition {
- public:
-  explicit FailAcquisition(int nth) : nth_(nth) {
-    EXPECT_EQ(faults::failLock, nullptr) << "one guard at a time";
-    active_ = this;
-    faults::failLock = &FailAcquisition::hook;
+// Where in an operation a lock was refused.
+std::string siteOf(const FailAcquisition& guard) {
+  if (!guard.fired()) return "none";
+  switch (guard.rank()) {
+    case LockRank::map: return guard.isMapWrite() ? "map write" : "map read";
+    case LockRank::bucketSet: return "set";
+    default: return "queue";
   }
-  ~FailAcquisition() {
-    faults::failLock = nullptr;
-    active_ = nullptr;
-  }
-  FailAcquisition(const FailAcquisition&) = delete;
-  FailAcquisition& operator=(const FailAcquisition&) = delete;
-
-  bool fired() const { return seen_ >= nth_; }
-  std::string site() const { return site_; }
-
- private:
-  static int hook(LockRank rank, const void*, LockOp operation) {
-    FailAcquisition& guard = *active_;
-    if (operation == LockOp::unlock || operation == LockOp::init || ++guard.seen_ != guard.nth_) {
-      return 0;
-    }
-    switch (rank) {
-      case LockRank::map:
-        guard.site_ = operation == LockOp::writeLock ? "map write" : "map read";
-        break;
-      case LockRank::bucketSet: guard.site_ = "set"; break;
-      default: guard.site_ = "queue"; break;
-    }
-    return EINVAL;
-  }
-  static inline FailAcquisition* active_ = nullptr;
-
-  const int nth_;
-  int seen_ = 0;
-  std::string site_ = "none";
-};
-
-// The class of what an operation left pending; empty for nothing.
-std::string raised(ScriptedJni& jni) {
-  const std::optional<Thrown> thrown = jni.takePending();
-  return thrown.has_value() ? thrown->className : "";
 }
-
-constexpr const char* kSilent = "";
-
-// The ways in which memory is refused, and what shows of it.
-struct Refusal {
-  enum Way { kNothingLeft, kOverMaximum, kOverMaximumAfterwards } way;
-  const char* exceptionClass;
-  int64_t blocks;  // by which the count of live blocks stays raised
-};
-constexpr Refusal kRefusals[] = {
-    {Refusal::kNothingLeft, kSilent, 0},
-    {Refusal::kOverMaximum, kIllegalState, 0},
-    {Refusal::kOverMaximumAfterwards, kOutOfMemory, 1},
-};
-
-// Refuses the nth allocation in one of these ways.
-class Refuse {
- public:
-  Refuse(ScriptedJni& jni, int nth, const Refusal& refusal) {
-    if (refusal.way == Refusal::kOverMaximumAfterwards) {
-      after_.emplace(jni, nth);
-    } else {
-      before_.emplace(nth, refusal.way == Refusal::kOverMaximum
-                               ? RefuseAllocation::Way::kOverMaximum
-                               : RefuseAllocation::Way::kNothingLeft);
-    }
-  }
-  bool fired() const { return before_.has_value() ? before_->fired() : after_->fired(); }
-
- private:
-  std::optional<RefuseAllocation> before_;
-  std::optional<RefuseAfterwards> after_;
-};
-
-// Records the allocations while it lives, so that a record that nobody knows any more is found.
-class WatchRecords {
- public:
-  explicit WatchRecords(ScriptedJni& jni) : jni_(jni), debug_(logInfo.debug) {
-    logInfo.debug = true;
-  }
-  ~WatchRecords() {
-    logInfo.debug = debug_;
-    jni_.clearRecords();
-  }
-  WatchRecords(const WatchRecords&) = delete;
-  WatchRecords& operator=(const WatchRecords&) = delete;
-
-  // The value record that was allocated last.
-  LuOffHeapValue* last() const {
-    constexpr std::string_view kBefore = "JNI:malloc_nb:jemalloc=";
-    for (auto record = jni_.records().rbegin(); record != jni_.records().rend(); ++record) {
-      if (!record->text.starts_with(kBefore) || !record->text.ends_with("type=LuOffHeapMapValue")) {
-        continue;
-      }
-      const char* address = record->text.c_str() + kBefore.size();
-      return reinterpret_cast<LuOffHeapValue*>(std::strtoull(address, nullptr, 16));
-    }
-    ADD_FAILURE() << "no value record was allocated";
-    return nullptr;
-  }
-
- private:
-  ScriptedJni& jni_;
-  const bool debug_;
-};
 
 enum class After {
   kUnchanged,
@@ -310,7 +209,7 @@ TEST_P(FaceRollback, LocksRefusedAtEveryPoint) {
     std::optional<FailAcquisition> guard(std::in_place, static_cast<int>(site) + 1);
     const jint result = run();
     const bool fired = guard->fired();
-    const std::string name = guard->site();
+    const std::string name = siteOf(*guard);
     guard.reset();
     SCOPED_TRACE("acquisition " + std::to_string(site + 1) + ": " + name);
     EXPECT_EQ(heldLockCount(), 0);

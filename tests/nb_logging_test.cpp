@@ -372,23 +372,80 @@ TEST_F(TraceRecord, MethodIdOfAPresentMethod) {
             nullptr);
 }
 
+std::string missing(const char* methodAndSignature) {
+  return std::string(
+             "[getOffHeapLoggerMethodID] Failed to lookup trace method in the Nimbra "
+             "library.. Method signature=") +
+         methodAndSignature;
+}
+
 TEST_F(TraceRecord, MissingMethodRaises) {
   jni.removeMethod(kLoggerClass, "debug");
   EXPECT_EQ(getOffHeapLoggerMethodID(env, offheap_logger_class, "debug", "([C)V"), nullptr);
-  EXPECT_EQ(jni.takePending(),
-            (Thrown{kIllegalState,
-                    "[getOffHeapLoggerMethodID] Failed to lookup trace method in the Nimbra "
-                    "library.. Method signature=debug,([C)V"}));
+  EXPECT_EQ(jni.takePending(), (Thrown{kIllegalState, missing("debug,([C)V")}));
 }
 
+// What the logger lacks is raised when the native ends, and not in the middle of it.
 TEST_F(TraceRecord, RecordOfAMissingMethodIsDropped) {
   setLevels(kDebugLevel | kInfoLevel);
   jni.removeMethod(kLoggerClass, "debug");
-  debug(env, "f", "lost");
-  ASSERT_TRUE(jni.pending().has_value());
-  EXPECT_EQ(jni.takePending()->className, kIllegalState);
-  info(env, "f", "kept");
+  {
+    const NativeScope scope(env);
+    debug(env, "f", "lost");
+    EXPECT_EQ(jni.pending(), std::nullopt);
+    info(env, "f", "kept");
+  }
   EXPECT_THAT(jni.lines(), ElementsAre("info|kept"));
+  EXPECT_EQ(jni.takePending(), (Thrown{kIllegalState, missing("debug,([C)V")}));
+}
+
+TEST_F(TraceRecord, FirstMissingMethodOfANativeIsRaised) {
+  setLevels(kDebugLevel | kErrorLevel);
+  jni.removeMethod(kLoggerClass, "errorGeneric");
+  jni.removeMethod(kLoggerClass, "debug");
+  {
+    const NativeScope scope(env);
+    errorGeneric(env, kGenericErrorKey, "lost");
+    debug(env, "f", "lost, too");
+  }
+  EXPECT_EQ(jni.takePending(), (Thrown{kIllegalState, missing("errorGeneric,([C[C)V")}));
+  { const NativeScope scope(env); }
+  EXPECT_EQ(jni.pending(), std::nullopt) << "said once";
+}
+
+TEST_F(TraceRecord, MissingMethodWinsOverWhatTheNativeRaisesLater) {
+  setLevels(kDebugLevel);
+  jni.removeMethod(kLoggerClass, "debug");
+  {
+    const NativeScope scope(env);
+    debug(env, "f", "lost");
+    throw_exception(env, "f", "later", "java/lang/RuntimeException");
+  }
+  EXPECT_EQ(jni.takePending(), (Thrown{kIllegalState, missing("debug,([C)V")}));
+  {
+    const NativeScope scope(env);
+    throw_exception(env, "f", "earlier", "java/lang/RuntimeException");
+    debug(env, "f", "not tried");
+  }
+  EXPECT_EQ(jni.takePending(), (Thrown{"java/lang/RuntimeException", "[f] earlier"}));
+}
+
+// Java calls a native from within a native's callback.
+TEST_F(TraceRecord, NativeWithinANativeAnswersForItsOwnRecords) {
+  setLevels(kDebugLevel);
+  jni.removeMethod(kLoggerClass, "debug");
+  {
+    const NativeScope outer(env);
+    debug(env, "f", "lost");
+    { const NativeScope quiet(env); }
+    EXPECT_EQ(jni.pending(), std::nullopt);
+    {
+      const NativeScope inner(env);
+      debug(env, "g", "lost");
+    }
+    EXPECT_EQ(jni.takePending(), (Thrown{kIllegalState, missing("debug,([C)V")}));
+  }
+  EXPECT_EQ(jni.takePending(), (Thrown{kIllegalState, missing("debug,([C)V")}));
 }
 
 TEST_F(TraceRecord, MethodLookupIsNotTriedWhileAnExceptionIsPending) {

@@ -4,6 +4,8 @@
 #
 #   tools/test_gc.sh
 #
+# What a run prints stays in build/test-gc.
+#
 # Environment: JDKS, the JDKs' folders (default: all from 17 on below /usr/lib/jvm, and JAVA_HOME);
 # COLLECTORS (default: Serial Parallel G1 Z Shenandoah, where present).
 set -euo pipefail
@@ -35,15 +37,18 @@ tools/mvn.sh -q -pl nimbra test-compile dependency:build-classpath \
 target=java/nimbra/target
 classpath=$target/test-classes:$target/classes:$(<"$work/classpath")
 
+# Lincheck has an execution of its own in "make test".
 # CheckedJniTest would run the suite a second time; a soak chooses its collector itself.
 suite() {
   "$1/bin/java" -Xcheck:jni -Xmx512m "-XX:+Use$2GC" -Dnimbra.log.level=0 \
     "-Dnimbra.test.collector=$2" -cp "$classpath" \
     org.junit.platform.console.ConsoleLauncher execute --disable-banner --disable-ansi-colors \
     --details=summary --fail-if-no-tests --select-package=com.velt.rz.corvane \
-    --exclude-tag=overflow --exclude-classname='.*\.(CheckedJniTest|SoakTest)'
+    --exclude-tag=overflow --exclude-tag=lincheck --exclude-classname='.*\.(CheckedJniTest|SoakTest)'
 }
 
+logs=build/test-gc
+mkdir -p "$logs"
 failed=0
 rows=()
 for jdk in "${jdks[@]}"; do
@@ -54,14 +59,16 @@ for jdk in "${jdks[@]}"; do
       continue
     fi
     printf 'test-gc: %s\n' "$name"
-    log=$work/log
+    log=$logs/$(basename "$jdk")-$collector.log
     begun=$SECONDS
     outcome=passed
     suite "$jdk" "$collector" >"$log" 2>&1 || outcome=FAILED
     warnings=$(grep -cE "$warning" "$log") || warnings=0
-    tests=$(sed -n 's/^\[ *\([0-9]*\) tests successful *\]$/\1/p' "$log")
+    tests=$(sed -n 's/^\[ *\([0-9]*\) tests successful *\]$/\1/p' "$log" | tail -n 1)
     if [[ $outcome == FAILED || $warnings -gt 0 ]]; then
-      tail -n 100 "$log"
+      # The tests that failed, those of child processes among them, and what came of them.
+      grep -A2 -E '^ *JUnit Jupiter:' "$log" | head -n 60 || :
+      tail -n 20 "$log"
       grep -E "$warning" "$log" | sort | uniq -c | head -n 20 || :
       failed=1
     fi

@@ -44,7 +44,7 @@ final class OverflowManager implements OverflowHandler {
     /** {@link #valueForWalk}: the latest value, whichever that is. */
     static final long ANY_REVISION = -1;
 
-    /** Failed writes in a row after which a sweep gives up: the store is not to be asked once for each entry. */
+    /** Failed writes in a row after which a sweep writes no more: the store is not to be asked once for each entry. */
     private static final int MOST_FAILURES = 8;
 
     /** No position of a store. */
@@ -69,6 +69,13 @@ final class OverflowManager implements OverflowHandler {
     private final LongAdder sweeps = new LongAdder();
     private final LongAdder sweepNanos = new LongAdder();
     private final LongAdder failedWrites = new LongAdder();
+
+    /**
+     * The page-ins at the begin of the last sweep that went over all entries without writing, otherwise -1. Only a
+     * page-in makes a value in memory that has a copy on disk, so until the next one there is nothing to look for without
+     * writing. Guarded by {@link #sweeping}.
+     */
+    private long pageInsWithoutCopies = -1;
 
     /** A record that lives only for the sake of its copy on disk. */
     private record Released(long record, long position, int length) {}
@@ -159,19 +166,7 @@ final class OverflowManager implements OverflowHandler {
         // Not more: where there are few entries, each costs the sweep a way past all its lists.
         CacheIter.init(blocks, 2 * blocks, true);
         try {
-            long[] candidate = new long[SWEEP_WORDS];
-            int failures = 0;
-            while (failures < MOST_FAILURES && manager.getAllocatingSizeInOffHeap() >= goal) {
-                long record = OverflowNatives.nextEvictable(candidate);
-                if (record == 0) {
-                    break;
-                }
-                if (moveOut(record, candidate)) {
-                    failures = 0;
-                } else {
-                    failures++;
-                }
-            }
+            moveOut(goal);
         } finally {
             CacheIter.dispose();
             sweeps.increment();
@@ -179,25 +174,58 @@ final class OverflowManager implements OverflowHandler {
         }
     }
 
-    /** Returns false when the value stays in memory. */
-    private boolean moveOut(long record, long[] candidate) {
-        if (candidate[5] == 1) {
-            OverflowNatives.evicted(record, candidate[2], (int) candidate[3], candidate[4]);
-            copiesReused.increment();
-        } else {
-            long position = NOT_WRITTEN;
-            try {
-                position = write(candidate);
-            } finally {
-                if (position == NOT_WRITTEN) {
-                    OverflowNatives.keep(record);
+    /**
+     * Moves values out until the bytes in use are below the goal, or no entry is left to visit. A store that goes on
+     * failing is not asked again; values that have a copy on disk still go.
+     */
+    private void moveOut(long goal) {
+        long pageInsBefore = pageIns.sum();
+        long[] candidate = new long[SWEEP_WORDS];
+        int failures = 0;
+        while (manager.getAllocatingSizeInOffHeap() >= goal) {
+            boolean writes = failures < MOST_FAILURES;
+            if (!writes && pageInsBefore == pageInsWithoutCopies) {
+                return;
+            }
+            long record = OverflowNatives.nextEvictable(candidate);
+            if (record == 0) {
+                if (!writes) {
+                    pageInsWithoutCopies = pageInsBefore;
                 }
+                return;
             }
-            if (position == NOT_WRITTEN) {
-                return false;
+            if (candidate[5] == 1) {
+                reuseCopy(record, candidate);
+            } else if (!writes) {
+                OverflowNatives.keep(record);
+            } else if (writeOut(record, candidate)) {
+                failures = 0;
+            } else {
+                failures++;
             }
-            OverflowNatives.evicted(record, position, (int) candidate[1], 0);
         }
+    }
+
+    private void reuseCopy(long record, long[] candidate) {
+        OverflowNatives.evicted(record, candidate[2], (int) candidate[3], candidate[4]);
+        copiesReused.increment();
+        pageOuts.increment();
+    }
+
+    /** Returns false when the value stays in memory. */
+    private boolean writeOut(long record, long[] candidate) {
+        long position = NOT_WRITTEN;
+        try {
+            position = write(candidate);
+        } finally {
+            if (position == NOT_WRITTEN) {
+                OverflowNatives.keep(record);
+            }
+        }
+        if (position == NOT_WRITTEN) {
+            return false;
+        }
+        OverflowNatives.evicted(record, position, (int) candidate[1], 0);
         pageOuts.increment();
         return true;
     }

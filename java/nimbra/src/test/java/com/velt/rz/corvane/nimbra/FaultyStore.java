@@ -1,6 +1,5 @@
 package com.velt.rz.corvane.nimbra;
 
-import com.velt.rz.corvane.nimbra.overflow.ValueStore;
 import com.velt.rz.corvane.nimbra.overflow.ValueStores;
 import java.io.IOException;
 import java.io.UncheckedIOException;
@@ -12,7 +11,7 @@ import java.util.concurrent.ConcurrentLinkedQueue;
 import java.util.concurrent.atomic.AtomicLong;
 
 /** The store that comes with the library, in a directory of its own, with calls that fail on request. Thread safe. */
-final class FaultyStore implements ValueStore {
+final class FaultyStore extends ForwardingStore {
     /** Runs before a call reaches the real store, and may throw instead of that. */
     interface Fault {
         Fault NONE = () -> {};
@@ -23,7 +22,6 @@ final class FaultyStore implements ValueStore {
     private static final long LIMIT = 256L << 20;
 
     private final Path directory;
-    private final ValueStore store;
     private final AtomicLong writes = new AtomicLong();
     private final AtomicLong reads = new AtomicLong();
 
@@ -35,8 +33,8 @@ final class FaultyStore implements ValueStore {
     volatile Fault onFree = Fault.NONE;
 
     private FaultyStore(Path directory) throws IOException {
+        super(ValueStores.open(directory, LIMIT));
         this.directory = directory;
-        this.store = ValueStores.open(directory, LIMIT);
     }
 
     static FaultyStore open() {
@@ -53,7 +51,7 @@ final class FaultyStore implements ValueStore {
     /** Closes the store, if nobody has yet, and leaves nothing of it behind. */
     private void remove() {
         try {
-            store.close();
+            close();
             try (var files = Files.list(directory)) {
                 for (Path file : files.toList()) {
                     Files.delete(file);
@@ -72,7 +70,7 @@ final class FaultyStore implements ValueStore {
         onFree = Fault.NONE;
         for (long[] kept = unfreed.poll(); kept != null; kept = unfreed.poll()) {
             try {
-                store.free(kept[0], (int) kept[1]);
+                super.free(kept[0], (int) kept[1]);
             } catch (IOException e) {
                 throw new UncheckedIOException(e);
             }
@@ -96,14 +94,14 @@ final class FaultyStore implements ValueStore {
     public long write(ByteBuffer value) throws IOException {
         writes.incrementAndGet();
         onWrite.strike();
-        return store.write(value);
+        return super.write(value);
     }
 
     @Override
     public void read(long position, int length, ByteBuffer target) throws IOException {
         reads.incrementAndGet();
         onRead.strike();
-        store.read(position, length, target);
+        super.read(position, length, target);
     }
 
     @Override
@@ -117,31 +115,6 @@ final class FaultyStore implements ValueStore {
                 unfreed.add(new long[] {position, length});
             }
         }
-        store.free(position, length);
-    }
-
-    @Override
-    public int chunkSize(long position) throws IOException {
-        return store.chunkSize(position);
-    }
-
-    @Override
-    public long bytesOnDisk() {
-        return store.bytesOnDisk();
-    }
-
-    @Override
-    public long bytesLive() {
-        return store.bytesLive();
-    }
-
-    @Override
-    public long limit() {
-        return store.limit();
-    }
-
-    @Override
-    public void close() throws IOException {
-        store.close();
+        super.free(position, length);
     }
 }

@@ -6,6 +6,7 @@ import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.velt.rz.corvane.io.offheap.OffHeapManager;
+import com.velt.rz.corvane.io.offheap.child.ChildJvm;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Set;
@@ -97,20 +98,15 @@ class NimbraTest {
     /** In a process of its own, since this one has been started. */
     @Tag("child-jvm")
     @Test
-    void beforeTheStartNothingWorksAndSaysWhy() throws Exception {
-        ProcessBuilder child = new ProcessBuilder(
-                ProcessHandle.current().info().command().orElseThrow(),
-                "-Xmx64m",
-                "-cp",
-                System.getProperty("java.class.path"),
-                NotStarted.class.getName());
+    void beforeTheStartNothingWorksAndSaysWhy() {
+        List<String> options = new ArrayList<>(List.of("-Xmx64m"));
         String library = System.getProperty("nimbra.library.path");
         if (library != null) {
-            child.command().add(1, "-Dnimbra.library.path=" + library);
+            options.add("-Dnimbra.library.path=" + library);
         }
-        Process process = child.redirectErrorStream(true).start();
-        String output = new String(process.getInputStream().readAllBytes());
-        assertEquals(0, process.waitFor(), output);
+        ChildJvm.Result result = ChildJvm.run(options, NotStarted.class.getName());
+        assertEquals(0, result.exitCode(), result::output);
+        String output = result.output();
         assertEquals(
                 """
                 false

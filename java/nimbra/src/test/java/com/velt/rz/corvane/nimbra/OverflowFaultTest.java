@@ -179,6 +179,50 @@ class OverflowFaultTest {
         }
     }
 
+    /** A sweep used to give up after its first failed writes in a row, whatever stood behind those entries. */
+    @Test
+    void aStoreThatTakesNothingMoreStillGetsBackWhatItHas() {
+        int copies = 100;
+        try (OffHeapMap map = map()) {
+            for (int i = 0; i < copies; i++) {
+                map.put(bytes(i), value(i, LENGTH));
+            }
+            pushOut();
+            assertHolds(map, 0, copies);
+            OverflowStats before = stats();
+            STORE.onWrite = OverflowFaultTest::fault;
+            long last = copies;
+            OffHeapMemoryException refused = null;
+            while (refused == null) {
+                try {
+                    map.put(bytes(last), value(last, LENGTH));
+                    last++;
+                } catch (OffHeapMemoryException e) {
+                    refused = e;
+                }
+            }
+            assertEquals(copies, stats().copiesReused() - before.copiesReused());
+            assertEquals(copies, stats().pageOuts() - before.pageOuts());
+
+            // With no copies left, a refusal asks the store a few times and looks at no further entries.
+            long writes = STORE.writes();
+            int more = (int) last;
+            assertThrows(OffHeapMemoryException.class, () -> map.put(bytes(more), value(more, LENGTH)));
+            assertTrue(STORE.writes() - writes <= 16, () -> (STORE.writes() - writes) + " writes were tried");
+
+            // A value that comes back is one that can go again.
+            map.remove(bytes(copies));
+            map.remove(bytes(copies + 1));
+            before = stats();
+            assertHolds(map, 0, 1);
+            assertEquals(1, stats().pageIns() - before.pageIns());
+            assertThrows(OffHeapMemoryException.class, () -> map.put(bytes(more), value(more, 1 << 20)));
+            assertEquals(1, stats().copiesReused() - before.copiesReused());
+            assertHolds(map, 0, copies);
+            assertHolds(map, copies + 2, more);
+        }
+    }
+
     @ParameterizedTest
     @EnumSource
     void writesThatFailNowAndThenLoseNothing(Failure fault) {
