@@ -31,7 +31,7 @@ class DiagnosticsExampleTest {
         assertEquals("all maps are closed, live blocks: 1", lines.get(1));
         assertTrue(lines.get(2).matches("leaked: 0x[0-9a-f]+ with 1 pins, by reason \\{JNI_GET_PIN=1}"), output);
         assertEquals(1, lines.stream().filter(line -> line.startsWith("leaked")).count(), output);
-        assertTrue(output.contains("by nimbra_MapNatives_pin\n"), output);
+        assertTrue(output.contains("by nimbra_CallNatives_pin\n"), output);
 
         List<Long> loops = lines.stream()
                 .map(MAIN_LOOP::matcher)
