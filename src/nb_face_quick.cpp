@@ -25,36 +25,23 @@ class MapHold {
 };
 
 // A mutex for one scope; false when it could not be had.
-class SetHold {
+template <typename T, int (*Lock)(T*), int (*Unlock)(T*)>
+class Hold {
  public:
-  explicit SetHold(BucketSet* set) : set_(set), held_(lockBucketSet(set) == 0) {}
-  ~SetHold() {
-    if (held_) unlockBucketSet(set_);
+  explicit Hold(T* owner) : owner_(owner), held_(Lock(owner) == 0) {}
+  ~Hold() {
+    if (held_) Unlock(owner_);
   }
-  SetHold(const SetHold&) = delete;
-  SetHold& operator=(const SetHold&) = delete;
+  Hold(const Hold&) = delete;
+  Hold& operator=(const Hold&) = delete;
   explicit operator bool() const { return held_; }
 
  private:
-  BucketSet* set_;
+  T* owner_;
   bool held_;
 };
-
-class QueueHold {
- public:
-  explicit QueueHold(LuOffHeapRevisionOrderQueue* queue)
-      : queue_(queue), held_(lockQueue(queue) == 0) {}
-  ~QueueHold() {
-    if (held_) unlockQueue(queue_);
-  }
-  QueueHold(const QueueHold&) = delete;
-  QueueHold& operator=(const QueueHold&) = delete;
-  explicit operator bool() const { return held_; }
-
- private:
-  LuOffHeapRevisionOrderQueue* queue_;
-  bool held_;
-};
+using SetHold = Hold<BucketSet, lockBucketSet, unlockBucketSet>;
+using QueueHold = Hold<LuOffHeapRevisionOrderQueue, lockQueue, unlockQueue>;
 
 int64_t revisionAt(const LuQueueEntry* entry) {
   return static_cast<const LuOffHeapValue*>(entry)->revisionNumber;
