@@ -26,6 +26,10 @@ uint64_t sizeInUse();
 // Brings what sizeInUse reads into being. Thread-safe, done once.
 void prepareSizeInUse();
 
+// Whether address space once mapped stays readable for good, so that a read of memory that has been
+// freed finds stale bytes, or zeros, and never ends the process.
+bool keepsAddresses();
+
 using StatisticsWriter = void (*)(void* opaque, const char* piece);
 // Passes the allocator's statistics report to `writer`, piece by piece.
 void printStatistics(StatisticsWriter writer, void* opaque, const char* options);

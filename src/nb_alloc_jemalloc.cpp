@@ -115,6 +115,18 @@ uint64_t chunkSize() {
 void prepareSizeInUse() { activeBytes(); }
 uint64_t sizeInUse() { return activeBytes().read(); }
 
+// Where the kernel counts every mapping against its limit, jemalloc makes pages that it gives back
+// inaccessible. It decides so by the same file.
+bool keepsAddresses() {
+  bool retains = false;
+  if (!readControl("opt.retain", &retains) || !retains) return false;
+  std::FILE* file = std::fopen("/proc/sys/vm/overcommit_memory", "re");
+  if (file == nullptr) return false;
+  const int policy = std::fgetc(file);
+  std::fclose(file);
+  return policy == '0' || policy == '1';
+}
+
 void printStatistics(StatisticsWriter writer, void* opaque, const char* options) {
   PieceSplitter splitter{writer, opaque};
   jemalloc_stats_print(PieceSplitter::write, &splitter, options);

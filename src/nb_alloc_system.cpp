@@ -34,6 +34,7 @@ size_t usableSize(const void* block, size_t /*size*/) { return usableSize(block)
 uint64_t pageSize() { return static_cast<uint64_t>(sysconf(_SC_PAGESIZE)); }
 uint64_t chunkSize() { return uint64_t{1} << 21; }
 void prepareSizeInUse() {}
+bool keepsAddresses() { return false; }
 uint64_t sizeInUse() { return bytesInUse.load(std::memory_order_relaxed); }
 
 void printStatistics(StatisticsWriter writer, void* opaque, const char* /*options*/) {

@@ -123,8 +123,9 @@ inline void raiseLockFailure(JNIEnv* env, const char* function) {
   throw_exception(env, function, "Error acquiring BucketSet lock in Nimbra library.");
 }
 
-inline bool lockOrRaise(JNIEnv* env, BucketSet* set, const char* function) {
-  if (lockBucketSet(set) == 0) return true;
+inline bool lockOrRaise(JNIEnv* env, BucketSet* set, const char* function,
+                        int (*lock)(BucketSet*) = lockBucketSet) {
+  if (lock(set) == 0) return true;
   raiseLockFailure(env, function);
   return false;
 }

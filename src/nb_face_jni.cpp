@@ -5,8 +5,10 @@
 // map is deleted only after the last call has left it.
 #include "com_velt_rz_corvane_nimbra_CallNatives.h"
 #include "com_velt_rz_corvane_nimbra_MapNatives.h"
+#include "nb_alloc_backend.h"
 #include "nb_face_quick.h"
 #include "nb_logging.h"
+#include "nb_stamp.h"
 
 using namespace nimbra;
 using namespace nimbra::face;
@@ -16,6 +18,24 @@ namespace {
 // Answers of CallNatives that are no length.
 constexpr jint kAbsent = -1;
 constexpr jint kOrdinaryRoad = -2;  // nothing done: to be called again with arrays
+
+// What Java's UnlockedReads knows of the layouts.
+#if defined(__x86_64__)
+constexpr bool kJavaKnowsLayouts = true;
+static_assert(sizeof(BucketSet) == 64 && offsetof(BucketSet, buckets) == 40 &&
+              offsetof(BucketSet, bucketMask) == 56);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"  // records that inherit; both compilers know
+static_assert(offsetof(LuOffHeapValue, key) == 24 && offsetof(LuOffHeapValue, value) == 32 &&
+              offsetof(LuOffHeapValue, hashNext) == 40 && offsetof(LuOffHeapValue, hashCode) == 80);
+static_assert(offsetof(ByteBufferHeader, dataSize) == 8 && kBufferDataOffset == 24);
+#pragma GCC diagnostic pop
+static_assert(offsetof(LogInfo, entryExit) == 2 && offsetof(LogInfo, profiling) == 10 &&
+              offsetof(LogInfo, pinTracking) == 11);
+static_assert(sizeof(SetStamp) == 64 && kSetStamps == 1024);
+#else
+constexpr bool kJavaKnowsLayouts = false;
+#endif
 
 WriteOutcome insert(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, BufferCopy& keyBuffer,
                     BufferCopy& value, jlong revision) {
@@ -39,22 +59,22 @@ WriteOutcome insert(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, Buffer
 Found pinValue(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, const char* function) {
   Found found;
   BucketSet* set = key.setIn(map);
-  if (!lockOrRaise(env, set, function)) return found;
+  if (!lockOrRaise(env, set, function, lockBucketSetToRead)) return found;
   if (LuOffHeapValue* value = key.findIn(env, map)) {
     found = pinFound(env, value);
     markUsed(value);
   }
-  unlockBucketSet(set);
+  unlockReadBucketSet(set);
   return found;
 }
 
 bool isPresent(JNIEnv* env, LuOffHeapMap* map, const SearchKey& key, bool* locked,
                const char* function) {
   BucketSet* set = key.setIn(map);
-  *locked = lockOrRaise(env, set, function);
+  *locked = lockOrRaise(env, set, function, lockBucketSetToRead);
   if (!*locked) return false;
   const bool present = key.findIn(env, map) != nullptr;
-  unlockBucketSet(set);
+  unlockReadBucketSet(set);
   return present;
 }
 
@@ -233,12 +253,24 @@ jlong Java_com_velt_rz_corvane_nimbra_CallNatives_address(JNIEnv* env, jclass, j
   return toHandle(env->GetDirectBufferAddress(memory));
 }
 
+jlong Java_com_velt_rz_corvane_nimbra_CallNatives_stamps(JNIEnv*, jclass) {
+  return kJavaKnowsLayouts && backend::keepsAddresses() ? toHandle(setStamps) : 0;
+}
+
+jlong Java_com_velt_rz_corvane_nimbra_CallNatives_traceLevels(JNIEnv*, jclass) {
+  return toHandle(&logInfo);
+}
+
+jlong Java_com_velt_rz_corvane_nimbra_CallNatives_bucketSets(JNIEnv*, jclass, jlong handle) {
+  return toHandle(getBucketSetByIndex(fromHandle<LuOffHeapMap>(handle)->map, 0));
+}
+
 jint Java_com_velt_rz_corvane_nimbra_CallNatives_get(JNIEnv* env, jclass, jlong handle,
                                                      jlong areaHandle, jint keyLength, jint hash) {
   const NativeScope scope(env);
   const ShortCall call(handle, areaHandle, keyLength, hash);
   BucketSet* set = call.key.setIn(call.map);
-  if (lockBucketSet(set) != 0) return kOrdinaryRoad;
+  if (lockBucketSetToRead(set) != 0) return kOrdinaryRoad;
   jint length = kAbsent;
   if (LuOffHeapValue* value =
           isQuiet() ? findQuickly(set, call.key) : call.key.findIn(env, call.map)) {
@@ -251,7 +283,7 @@ jint Java_com_velt_rz_corvane_nimbra_CallNatives_get(JNIEnv* env, jclass, jlong 
       std::memcpy(call.area->value, bufferData(buffer), buffer->dataSize);
     }
   }
-  unlockBucketSet(set);
+  unlockReadBucketSet(set);
   return length;
 }
 

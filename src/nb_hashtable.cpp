@@ -8,6 +8,7 @@
 
 #include "nb_alloc.h"
 #include "nb_logging.h"
+#include "nb_stamp.h"
 
 namespace nimbra {
 
@@ -114,9 +115,27 @@ Pinnable* getFirstEntryByHashCode(MapHeader* header, uint32_t hash, BucketSet** 
   return **bucket;
 }
 
-int lockBucketSet(BucketSet* set) { return mutexLock(&set->mutex, LockRank::bucketSet); }
-int trylockBucketSet(BucketSet* set) { return mutexTryLock(&set->mutex, LockRank::bucketSet); }
-int unlockBucketSet(BucketSet* set) { return mutexUnlock(&set->mutex, LockRank::bucketSet); }
+SetStamp setStamps[kSetStamps];
+
+int lockBucketSet(BucketSet* set) {
+  const int code = lockBucketSetToRead(set);
+  if (code == 0) beginChanges(set);
+  return code;
+}
+
+int trylockBucketSet(BucketSet* set) {
+  const int code = mutexTryLock(&set->mutex, LockRank::bucketSet);
+  if (code == 0) beginChanges(set);
+  return code;
+}
+
+int unlockBucketSet(BucketSet* set) {
+  endChanges(set);
+  return unlockReadBucketSet(set);
+}
+
+int lockBucketSetToRead(BucketSet* set) { return mutexLock(&set->mutex, LockRank::bucketSet); }
+int unlockReadBucketSet(BucketSet* set) { return mutexUnlock(&set->mutex, LockRank::bucketSet); }
 
 MapHeader* initializeMap(JNIEnv* env, uint32_t initCapacity, uint32_t concurrency, float loadFactor,
                          bool /*flag*/, int32_t map_id, int32_t map_set_id,
@@ -301,9 +320,11 @@ void freeDefaultEntry(JNIEnv* env, DefaultEntry* entry) {
 void freeBucketSets(JNIEnv* env, MapHeader* header) {
   for (uint32_t i = 0; i < header->numBucketSets; i++) {
     BucketSet* set = getBucketSetByIndex(header, i);
-    const int code = lockBucketSet(set);
+    beginChanges(set);  // also where the mutex cannot be had
+    const int code = lockBucketSetToRead(set);
     freeBuckets(env, set->buckets, static_cast<int32_t>(set->bucketCount));
-    if (code == 0) unlockBucketSet(set);
+    if (code == 0) unlockReadBucketSet(set);
+    endChanges(set);
   }
 }
 

@@ -180,10 +180,13 @@ BucketSet* getBucketSet(MapHeader* header, uint32_t hash);
 Bucket* getBucketInBucketSet(BucketSet* set, uint32_t hash);
 Pinnable* getFirstEntryByHashCode(MapHeader* header, uint32_t hash, BucketSet** set,
                                   Bucket** bucket);
-// Results of the mutex call, 0 on success.
+// Results of the mutex call, 0 on success. What is taken to be changed is stamped meanwhile.
 int lockBucketSet(BucketSet* set);
 int trylockBucketSet(BucketSet* set);
 int unlockBucketSet(BucketSet* set);
+// For who changes neither the set nor what hangs in it; leaves the stamp alone.
+int lockBucketSetToRead(BucketSet* set);
+int unlockReadBucketSet(BucketSet* set);
 
 // Entries in all sets, not a snapshot; -1 when a set cannot be locked.
 int64_t hashtable_size(JNIEnv* env, MapHeader* header);

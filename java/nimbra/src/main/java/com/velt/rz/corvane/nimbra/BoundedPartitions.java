@@ -2,6 +2,7 @@ package com.velt.rz.corvane.nimbra;
 
 import com.velt.rz.corvane.io.offheap.impl.LuOffHeapEvictionQueue;
 import com.velt.rz.corvane.io.offheap.overflow.NotEnoughResourcesException;
+import com.velt.rz.corvane.io.offheap.util.PhantomWindows;
 import java.lang.System.Logger;
 import java.lang.System.Logger.Level;
 import java.util.Arrays;
@@ -558,12 +559,12 @@ final class BoundedPartitions {
             for (int entry = 0; entry < evicted; entry++) {
                 int at = entry * FIELDS;
                 if (copies != null) {
-                    copies[2 * entry] = OffHeapMap.copy(out[at], out[at + 1]);
+                    copies[2 * entry] = PhantomWindows.copy(out[at], out[at + 1]);
                     copies[2 * entry + 1] =
-                            out[at + 2] == 0 ? onDisk[entry] : OffHeapMap.copy(out[at + 2], out[at + 3]);
+                            out[at + 2] == 0 ? onDisk[entry] : PhantomWindows.copy(out[at + 2], out[at + 3]);
                 }
                 if (watched != null && out[at + 1] == watched.length) {
-                    seen[0] |= Arrays.equals(watched, OffHeapMap.copy(out[at], out[at + 1]));
+                    seen[0] |= Arrays.equals(watched, PhantomWindows.copy(out[at], out[at + 1]));
                 }
             }
         } finally {

@@ -21,6 +21,19 @@ final class CallNatives {
     static native long address(ByteBuffer memory);
 
     /**
+     * Returns the address of the stamps of all bucket sets, 1,024 of 64 bytes each, or 0 when nothing may be read
+     * without a lock: memory that was freed might become inaccessible, or the layouts are not those of {@link
+     * UnlockedReads}.
+     */
+    static native long stamps();
+
+    /** Returns the address of the trace levels, one byte each in the order of their numbers. */
+    static native long traceLevels();
+
+    /** Returns the address of a map's bucket sets, which follow each other; valid as long as the map. */
+    static native long bucketSets(long map);
+
+    /**
      * Copies the value of a key to the memory.
      *
      * @return its length; {@link CallMemory#ABSENT}; or {@link CallMemory#ORDINARY} when the value is too long, is on

@@ -43,7 +43,7 @@ public final class Change {
     /** Returns the key in an array of its own. */
     public byte[] key() {
         checkValid("key");
-        return copy(keyAddress, keyLength);
+        return PhantomWindows.copy(keyAddress, keyLength);
     }
 
     /**
@@ -60,7 +60,7 @@ public final class Change {
     /** Returns the value in an array of its own. */
     public byte[] copyValue() {
         checkValid("value");
-        return valueRead != null ? valueRead.clone() : copy(valueAddress, valueLength);
+        return valueRead != null ? valueRead.clone() : PhantomWindows.copy(valueAddress, valueLength);
     }
 
     /** Returns the number that the map gave to the write that stored this value. */
@@ -73,12 +73,6 @@ public final class Change {
     void release() {
         released = true;
         BoundedNatives.releaseQueried(record, keyAddress, valueAddress);
-    }
-
-    private static byte[] copy(long address, int length) {
-        byte[] bytes = new byte[length];
-        PhantomWindows.copy(address, bytes, 0, length);
-        return bytes;
     }
 
     private void checkValid(String what) {

@@ -1,5 +1,6 @@
 package com.velt.rz.corvane.nimbra;
 
+import com.velt.rz.corvane.io.offheap.util.PhantomWindows;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 import java.util.Iterator;
@@ -128,7 +129,7 @@ public final class ChangeIterator implements Iterator<Change>, AutoCloseable {
         boolean complete = false;
         try {
             valueRead = map.valueForWalk(
-                    OffHeapMap.copy(entries[at + 1], entries[at + 2]), windowStart + 1 + place, "changesSince");
+                    PhantomWindows.copy(entries[at + 1], entries[at + 2]), windowStart + 1 + place, "changesSince");
             complete = true;
         } finally {
             if (!complete) {

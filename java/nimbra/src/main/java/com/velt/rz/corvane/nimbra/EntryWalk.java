@@ -1,5 +1,6 @@
 package com.velt.rz.corvane.nimbra;
 
+import com.velt.rz.corvane.io.offheap.util.PhantomWindows;
 import java.util.function.BiConsumer;
 
 /**
@@ -37,10 +38,10 @@ final class EntryWalk {
         try {
             for (int entry = 0; entry < count; entry++) {
                 int at = entry * FIELDS;
-                byte[] key = OffHeapMap.copy(found[at], found[at + 1]);
+                byte[] key = PhantomWindows.copy(found[at], found[at + 1]);
                 byte[] value = found[at + 2] == 0
                         ? map.valueForWalk(key, OverflowManager.ANY_REVISION, "forEach")
-                        : OffHeapMap.copy(found[at + 2], found[at + 3]);
+                        : PhantomWindows.copy(found[at + 2], found[at + 3]);
                 if (value != null) {
                     consumer.accept(key, value);
                 }

@@ -22,8 +22,10 @@ import java.util.function.LongSupplier;
  * both may be empty, neither may be null.
  *
  * <p>The entries are spread over several native maps, the partitions, by a keyed hash with a random key for each map, so
- * that writers seldom meet on a lock and chosen keys do not pile up in one place. {@link #put} and {@link #get} cross
- * into native code once and make no garbage, apart from the array that {@code get} returns.
+ * that writers seldom meet on a lock and chosen keys do not pile up in one place. {@link #put} crosses into
+ * native code once. {@link #get} does so only when it meets a write or an unusual entry, or when the map is a cache or
+ * values go to disk; else it reads native memory from Java, without a lock. Neither makes garbage, apart from the array
+ * that {@code get} returns.
  *
  * <p>All methods may be called from any thread. A call on one key is atomic; {@link #size}, {@link #bytesUsed}, {@link
  * #forEach} and {@link #clear} go through the partitions one after the other and are no snapshot while others write.
@@ -68,6 +70,8 @@ public final class OffHeapMap implements AutoCloseable {
 
     private final ChangeReaders readers;
 
+    private final UnlockedReads reads;
+
     /** Null without disk overflow. */
     private final OverflowManager overflow = Nimbra.get().overflow();
 
@@ -97,6 +101,8 @@ public final class OffHeapMap implements AutoCloseable {
         this.revisions = revisions;
         this.bounded = bounded;
         this.readers = new ChangeReaders(name);
+        boolean plain = bounded == null && overflow == null;
+        this.reads = new UnlockedReads(plain ? handles : null, options.bucketSets, gates);
     }
 
     /** Returns a builder with the default options. */
@@ -191,6 +197,10 @@ public final class OffHeapMap implements AutoCloseable {
         int partition = partition(hash);
         if (bounded != null) {
             return bounded.get(partition, key, (int) hash);
+        }
+        byte[] copy = reads.get(partition, key, (int) hash);
+        if (copy != UnlockedReads.UNKNOWN) {
+            return copy;
         }
         gates.enter(partition, "get");
         try {
@@ -303,6 +313,10 @@ public final class OffHeapMap implements AutoCloseable {
         if (bounded != null) {
             return bounded.containsKey(partition, key, (int) hash);
         }
+        int present = reads.containsKey(partition, key, (int) hash);
+        if (present >= 0) {
+            return present == 1;
+        }
         gates.enter(partition, "containsKey");
         try {
             return CallMemory.containsKey(handles[partition], key, (int) hash);
@@ -396,12 +410,6 @@ public final class OffHeapMap implements AutoCloseable {
         } finally {
             gates.exit(partition);
         }
-    }
-
-    static byte[] copy(long address, long length) {
-        byte[] bytes = new byte[Math.toIntExact(length)];
-        PhantomWindows.copy(address, bytes, 0, bytes.length);
-        return bytes;
     }
 
     /**

@@ -414,7 +414,7 @@ final class OverflowManager implements OverflowHandler {
             }
             try {
                 boolean wanted = revision == ANY_REVISION || revision == info[2];
-                return wanted ? OffHeapMap.copy(info[0], info[1]) : null;
+                return wanted ? PhantomWindows.copy(info[0], info[1]) : null;
             } finally {
                 MapNatives.unpin(handle);
             }
@@ -449,7 +449,7 @@ final class OverflowManager implements OverflowHandler {
             return null;
         }
         try {
-            return OffHeapMap.copy(place[1], place[2]);
+            return PhantomWindows.copy(place[1], place[2]);
         } finally {
             MapNatives.unpin(place[0]);
         }

@@ -57,6 +57,11 @@ final class PartitionGates {
         }
     }
 
+    /** Whether a call that entered now would neither wait nor be refused. */
+    boolean isOpen(int gate) {
+        return ((long) GATE.getAcquire(gates, slot(gate)) & FLAGS) == 0;
+    }
+
     /** Refuses all entries from now on and waits until those inside have left. */
     void close(int gate) {
         GATE.getAndBitwiseOr(gates, slot(gate), CLOSED);

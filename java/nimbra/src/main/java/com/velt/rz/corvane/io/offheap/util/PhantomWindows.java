@@ -20,52 +20,36 @@ public final class PhantomWindows {
 
     // A window begins at a multiple of MAX_LENGTH and is one byte short of twice that length, so a range that begins in
     // the first half fits whatever its address.
+    private static final int LENGTH_BITS = 30;
     private static final long BASE_MASK = -(long) MAX_LENGTH;
-    private static final boolean SWAP = ByteOrder.nativeOrder() == ByteOrder.LITTLE_ENDIAN;
     private static final OffHeapManager MANAGER = new OffHeapManager();
 
-    /** Immutable: bases ascend, and element i of each array belongs to the same window. */
-    private static final class Windows {
-        final long[] bases;
-        final ByteBuffer[] writable;
-        final ByteBuffer[] readable;
+    /** Immutable; the buffers' positions are not used. */
+    private static final class Window {
+        final long base;
+        final ByteBuffer writable;
+        final ByteBuffer readable;
+        final ByteBuffer words; // readable, in native order
 
-        Windows(long[] bases, ByteBuffer[] writable, ByteBuffer[] readable) {
-            this.bases = bases;
-            this.writable = writable;
-            this.readable = readable;
-        }
-
-        Windows with(int place, long base, ByteBuffer window) {
-            return new Windows(
-                    insert(bases, place, base),
-                    insert(writable, place, window),
-                    insert(readable, place, window.asReadOnlyBuffer()));
-        }
-
-        private static long[] insert(long[] old, int place, long element) {
-            long[] grown = Arrays.copyOf(old, old.length + 1);
-            System.arraycopy(old, place, grown, place + 1, old.length - place);
-            grown[place] = element;
-            return grown;
-        }
-
-        private static ByteBuffer[] insert(ByteBuffer[] old, int place, ByteBuffer element) {
-            ByteBuffer[] grown = Arrays.copyOf(old, old.length + 1);
-            System.arraycopy(old, place, grown, place + 1, old.length - place);
-            grown[place] = element;
-            return grown;
+        Window(long base, ByteBuffer memory) {
+            this.base = base;
+            this.writable = memory;
+            this.readable = memory.asReadOnlyBuffer();
+            this.words = readable.duplicate().order(ByteOrder.nativeOrder());
         }
     }
 
-    // Replaced as a whole under the class lock, read without it.
-    private static volatile Windows windows = new Windows(new long[0], new ByteBuffer[0], new ByteBuffer[0]);
+    /** All windows; replaced as a whole under the class lock, read without it. */
+    private static volatile Window[] windows = {};
+
+    /** The window used last of each 64th stretch, or null. Races are harmless: any window is checked before use. */
+    private static final Window[] RECENT = new Window[64];
 
     private PhantomWindows() {}
 
     /** Makes the window over an address now, so that no later view of it has to. */
     public static void prepare(long address) {
-        windowsOver(address);
+        windowOver(address);
     }
 
     /**
@@ -77,8 +61,7 @@ public final class PhantomWindows {
      */
     public static ByteBuffer slice(long address, int length) {
         checkLength(length);
-        Windows current = windowsOver(address);
-        return current.writable[place(current, address)].slice(offset(address), length);
+        return windowOver(address).writable.slice(offset(address), length);
     }
 
     /**
@@ -90,8 +73,7 @@ public final class PhantomWindows {
      */
     public static ByteBuffer readOnlySlice(long address, int length) {
         checkLength(length);
-        Windows current = windowsOver(address);
-        return current.readable[place(current, address)].slice(offset(address), length);
+        return windowOver(address).readable.slice(offset(address), length);
     }
 
     /**
@@ -103,28 +85,36 @@ public final class PhantomWindows {
      */
     public static void copy(long address, byte[] target, int offset, int length) {
         checkLength(length);
-        Windows current = windowsOver(address);
-        current.readable[place(current, address)].get(offset(address), target, offset, length);
+        windowOver(address).readable.get(offset(address), target, offset, length);
+    }
+
+    /**
+     * Copies native memory into a new array.
+     *
+     * @param address first byte
+     * @param length bytes, 0 to {@link #MAX_LENGTH}
+     */
+    public static byte[] copy(long address, long length) {
+        byte[] bytes = new byte[Math.toIntExact(length)];
+        copy(address, bytes, 0, bytes.length);
+        return bytes;
     }
 
     /** Reads eight bytes in native order. The address need not be aligned. */
     public static long getLong(long address) {
-        Windows current = windowsOver(address);
-        long bigEndian = current.readable[place(current, address)].getLong(offset(address));
-        return SWAP ? Long.reverseBytes(bigEndian) : bigEndian;
+        return windowOver(address).words.getLong(offset(address));
     }
 
     /** Reads one byte, as a number from 0 to 255. */
     public static int getByte(long address) {
-        Windows current = windowsOver(address);
-        return current.readable[place(current, address)].get(offset(address)) & 0xff;
+        return windowOver(address).words.get(offset(address)) & 0xff;
     }
 
     /**
      * Returns the number of windows made so far: a bound on the buffers that the library keeps alive for this class.
      */
     public static int windowCount() {
-        return windows.bases.length;
+        return windows.length;
     }
 
     private static void checkLength(int length) {
@@ -137,27 +127,37 @@ public final class PhantomWindows {
         return (int) (address & ~BASE_MASK);
     }
 
-    private static int place(Windows windows, long address) {
-        return Arrays.binarySearch(windows.bases, address & BASE_MASK);
+    private static Window windowOver(long address) {
+        Window recent = RECENT[(int) (address >>> LENGTH_BITS) & (RECENT.length - 1)];
+        return recent != null && recent.base == (address & BASE_MASK) ? recent : findWindow(address & BASE_MASK);
     }
 
-    private static Windows windowsOver(long address) {
-        Windows current = windows;
-        return place(current, address) >= 0 ? current : addWindow(address & BASE_MASK);
-    }
-
-    private static synchronized Windows addWindow(long base) {
-        Windows current = windows;
-        int place = Arrays.binarySearch(current.bases, base);
-        if (place < 0) {
-            ByteBuffer window = MANAGER.allocatePhantom(base);
-            if (window == null) {
-                throw new IllegalStateException("The virtual machine cannot make a direct buffer over address 0x"
-                        + Long.toHexString(base) + ": it may not support access to direct buffers from native code");
+    private static Window findWindow(long base) {
+        for (Window window : windows) {
+            if (window.base == base) {
+                RECENT[(int) (base >>> LENGTH_BITS) & (RECENT.length - 1)] = window;
+                return window;
             }
-            current = current.with(-place - 1, base, window);
-            windows = current;
         }
-        return current;
+        return addWindow(base);
+    }
+
+    private static synchronized Window addWindow(long base) {
+        Window[] current = windows;
+        for (Window window : current) {
+            if (window.base == base) {
+                return window;
+            }
+        }
+        ByteBuffer memory = MANAGER.allocatePhantom(base);
+        if (memory == null) {
+            throw new IllegalStateException("The virtual machine cannot make a direct buffer over address 0x"
+                    + Long.toHexString(base) + ": it may not support access to direct buffers from native code");
+        }
+        Window added = new Window(base, memory);
+        Window[] grown = Arrays.copyOf(current, current.length + 1);
+        grown[current.length] = added;
+        windows = grown;
+        return added;
     }
 }
