@@ -58,8 +58,7 @@ public final class OffHeapMap implements AutoCloseable {
 
     private final int partitionShift;
     private final int partitionMask;
-    private final long hashKey0;
-    private final long hashKey1;
+    private final KeyedHash keyedHash = new KeyedHash(RANDOM);
     private final PartitionGates gates;
 
     /** Number of the latest write that began. */
@@ -95,8 +94,6 @@ public final class OffHeapMap implements AutoCloseable {
         this.handles = handles;
         this.partitionShift = Long.SIZE - Integer.numberOfTrailingZeros(handles.length);
         this.partitionMask = handles.length - 1;
-        this.hashKey0 = RANDOM.nextLong();
-        this.hashKey1 = RANDOM.nextLong();
         this.gates = gates;
         this.revisions = revisions;
         this.bounded = bounded;
@@ -648,7 +645,7 @@ public final class OffHeapMap implements AutoCloseable {
     }
 
     private long hash(byte[] key) {
-        return SipHash.hash13(hashKey0, hashKey1, key);
+        return keyedHash.hash(key);
     }
 
     /** The high bits choose the partition, so that they say nothing about the low 32, which place the key inside it. */
