@@ -172,6 +172,12 @@ inline Found pinFound(JNIEnv* env, LuOffHeapValue* value) {
   return found;
 }
 
+// Drops the pin of pinFound.
+inline void letGo(JNIEnv* env, const Found& found) {
+  if (found.buffer != nullptr) unpinToFree(env, found.buffer, JNI_GET_PIN);
+  if (found.record != nullptr) unpinLuOffHeapMapValue(env, found.record, JNI_GET_PIN);
+}
+
 // Lets the sweep pass the entry over once. A node that is busy is left as it is: a lookup does not
 // wait for a page-out beside it.
 inline void markUsed(LuOffHeapValue* value) {
@@ -219,12 +225,11 @@ inline jlong handOverPinned(JNIEnv* env, const Found& found, jlongArray out) {
   return 0;
 }
 
-// Pins the entry's key and value buffers for Java (JNI_GET_PIN) and writes their places at `index`;
-// for a value on disk, its record is pinned, and 0 and the record's handle are written. REQUIRES:
-// the bucket set, or a pin on an entry that is in no table.
-inline void pinForWalk(JNIEnv* env, LuOffHeapValue* value, jlongArray out, jsize index) {
+// Pins the entry's key for Java (JNI_GET_PIN) and writes the places of key and value at `index`, or
+// for a value on disk 0 and the record's handle. The pin in `found` passes to Java, too.
+inline void handOverForWalk(JNIEnv* env, LuOffHeapValue* value, const Found& found, jlongArray out,
+                            jsize index) {
   pin(env, value->key, JNI_GET_PIN);
-  const Found found = pinFound(env, value);
   const bool inMemory = found.buffer != nullptr;
   const jlong words[kScanWords] = {
       toHandle(bufferData(value->key)), static_cast<jlong>(value->key->dataSize),

@@ -183,9 +183,11 @@ class NewRecords {
 // ---- Removal -------------------------------------------------------------------------------
 
 // REQUIRES: the bucket set, which is released. Takes the entry out of table and queues and its
-// share out of the bound. The result holds JNI_REMOVED_PIN; null when the removal failed.
+// share out of the bound. The result holds JNI_REMOVED_PIN; null when the removal failed. With
+// `found`, what the entry had is pinned: whoever holds its record may bring its value back from
+// disk even later.
 LuOffHeapValue* takeOut(JNIEnv* env, const Partition& partition, Bound* bound, BucketSet* set,
-                        LuOffHeapValue* value) {
+                        LuOffHeapValue* value, Found* found = nullptr) {
   LuOffHeapValue search = {};
   search.key = value->key;
   search.hashCode = value->hashCode;
@@ -195,6 +197,7 @@ LuOffHeapValue* takeOut(JNIEnv* env, const Partition& partition, Bound* bound, B
     detachFrom(env, partition.queue, removed->evictionData);
     detachFrom(env, partition.ttl, removed->ttlEvictionData);
     release(bound, static_cast<int64_t>(getSize_LuValue(env, removed)), 1);
+    if (found != nullptr) *found = pinFound(env, removed);
   }
   unlockBucketSet(set);
   if (removed == nullptr) return nullptr;
@@ -203,6 +206,7 @@ LuOffHeapValue* takeOut(JNIEnv* env, const Partition& partition, Bound* bound, B
     forgetUntold(env, removed);
     return removed;
   }
+  if (found != nullptr) letGo(env, *found);
   unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
   return nullptr;
 }
@@ -515,9 +519,10 @@ LuOffHeapEvictionData* pinHead(JNIEnv* env, LuOffHeapEvictionDataQueue* queue, b
 }
 
 // Takes the record's entry out, if it still carries the record and, by deadline, has not been given
-// another one meanwhile. The result holds JNI_REMOVED_PIN.
+// another one meanwhile. The result holds JNI_REMOVED_PIN, and `found` a pin on what it had.
 LuOffHeapValue* takeOutByRecord(JNIEnv* env, const Partition& partition, Bound* bound,
-                                LuOffHeapEvictionData* record, bool byDeadline, jlong now) {
+                                LuOffHeapEvictionData* record, bool byDeadline, jlong now,
+                                Found* found) {
   BucketSet* set = getBucketSet(partition.map->map, static_cast<uint32_t>(record->timeout));
   if (lockBucketSet(set) != 0) return nullptr;
   auto* value = static_cast<LuOffHeapValue*>(_getMapEntry(env, nullptr, partition.map->map, nullptr,
@@ -526,7 +531,7 @@ LuOffHeapValue* takeOutByRecord(JNIEnv* env, const Partition& partition, Bound* 
   const bool carried =
       value != nullptr && (byDeadline ? value->ttlEvictionData : value->evictionData) == record;
   if (carried && (!byDeadline || isExpired(value, now))) {
-    return takeOut(env, partition, bound, set, value);
+    return takeOut(env, partition, bound, set, value, found);
   }
   // A record that a refused lock has left behind would stand at the head for ever.
   if (!carried) detachFrom(env, byDeadline ? partition.ttl : partition.queue, record);
@@ -551,9 +556,10 @@ jint Java_com_velt_rz_corvane_nimbra_BoundedNatives_evict(JNIEnv* env, jclass, j
     LuOffHeapEvictionData* record =
         pinHead(env, timed ? partition.ttl : partition.queue, timed, now);
     if (record == nullptr) break;
-    LuOffHeapValue* removed = takeOutByRecord(env, partition, bound, record, timed, now);
+    Found found;
+    LuOffHeapValue* removed = takeOutByRecord(env, partition, bound, record, timed, now, &found);
     if (removed != nullptr) {
-      pinForWalk(env, removed, out, evicted++);
+      handOverForWalk(env, removed, found, out, evicted++);
       unpinLuOffHeapMapValue(env, removed, JNI_REMOVED_PIN);
     }
     unpinLuOffHeapEvictionData(env, record, JNI_EVICTLIST_PIN);

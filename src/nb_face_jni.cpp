@@ -384,7 +384,9 @@ jsize chainLength(const LuOffHeapValue* value) {
 
 // REQUIRES: the bucket set. Pins key and value buffers of a chain and writes their places.
 void writeChain(JNIEnv* env, LuOffHeapValue* value, jlongArray out, jsize index) {
-  for (; value != nullptr; value = value->hashNext) pinForWalk(env, value, out, index++);
+  for (; value != nullptr; value = value->hashNext) {
+    handOverForWalk(env, value, pinFound(env, value), out, index++);
+  }
 }
 
 }  // namespace

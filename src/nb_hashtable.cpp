@@ -131,7 +131,9 @@ int trylockBucketSet(BucketSet* set) {
 
 int unlockBucketSet(BucketSet* set) {
   endChanges(set);
-  return unlockReadBucketSet(set);
+  const int code = unlockReadBucketSet(set);
+  if (code != 0) beginChanges(set);  // still held, or never was
+  return code;
 }
 
 int lockBucketSetToRead(BucketSet* set) { return mutexLock(&set->mutex, LockRank::bucketSet); }

@@ -288,10 +288,11 @@ namespace {
 
 constexpr uint32_t kRehashAhead = 8;  // buckets whose first entries are on their way into the cache
 
-// An entry's hash and link stand within two lines, wherever its record type has them.
+// An entry's hash and link stand within two lines, wherever its record type has them. There may be
+// no entry, and the second line may lie behind a short one: nothing is read, so both do no harm.
 void prefetchEntry(const Pinnable* entry) {
   prefetch(entry);
-  prefetch(reinterpret_cast<const char*>(entry) + 64);
+  prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(entry) + 64));
 }
 
 }  // namespace
