@@ -4,8 +4,10 @@
 // State: the pointers behind sizeInUse, fetched once.
 #include <jemalloc/jemalloc.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <vector>
 
 #include "nb_alloc_backend.h"
@@ -31,9 +33,8 @@ bool readControl(const char* key, T* value) {
 // it is the sum of the arenas' active-page counters times the page size, which equals
 // "stats.active" without the lock and the cost of an epoch refresh.
 struct ActiveBytes {
-  const size_t* total = nullptr;
-  std::vector<const size_t*> arenaPages;
-  size_t pageSize = pageSizeOfJemalloc();
+  std::vector<const size_t*> counters;
+  size_t unit = pageSizeOfJemalloc();  // bytes that one count stands for
 
   static size_t pageSizeOfJemalloc() {
     size_t size = 0;
@@ -42,8 +43,12 @@ struct ActiveBytes {
   }
 
   ActiveBytes() {
-    if (readControl("stats.cactive", &total)) return;
-    total = nullptr;
+    const size_t* total = nullptr;
+    if (readControl("stats.cactive", &total)) {
+      counters = {total};
+      unit = 1;
+      return;
+    }
     unsigned arenas = 0;
     if (!readControl("opt.narenas", &arenas)) return;
     // An arena that has never served a request has no counter.
@@ -57,22 +62,29 @@ struct ActiveBytes {
       char key[64];
       std::snprintf(key, sizeof key, "experimental.arenas.%u.pactivep", i);
       const size_t* pages = nullptr;
-      if (readControl(key, &pages) && pages != nullptr) arenaPages.push_back(pages);
+      if (readControl(key, &pages) && pages != nullptr) counters.push_back(pages);
     }
   }
 
   uint64_t read() const {
-    if (total != nullptr) return __atomic_load_n(total, __ATOMIC_RELAXED);
-    uint64_t pages = 0;
-    for (const size_t* arena : arenaPages) pages += __atomic_load_n(arena, __ATOMIC_RELAXED);
-    return pages * pageSize;
+    uint64_t counts = 0;
+    for (const size_t* counter : counters) counts += __atomic_load_n(counter, __ATOMIC_RELAXED);
+    return counts * unit;
   }
 };
 
-const ActiveBytes& activeBytes() {
+// Null until first asked for.
+std::atomic<const ActiveBytes*> activeBytes{nullptr};
+
+const ActiveBytes& makeActiveBytes() {
   static const ActiveBytes instance;
+  activeBytes.store(&instance, std::memory_order_release);
   return instance;
 }
+
+// Usable bytes of blocks for requests of 8 i + 1 to 8 i + 8 bytes, which have one size class; 0
+// until first asked for.
+std::atomic<uint16_t> smallSizes[512];
 
 // jemalloc collects its report in pieces of many kilobytes; the reader takes about one at a time.
 struct PieceSplitter {
@@ -100,7 +112,17 @@ void* allocate(size_t size) { return jemalloc(size); }
 void release(void* block) { jefree(block); }
 size_t usableSize(const void* block) { return jemalloc_usable_size(const_cast<void*>(block)); }
 void release(void* block, size_t size) { jesdallocx(block, size, 0); }
-size_t usableSize(const void* /*block*/, size_t size) { return jenallocx(size, 0); }
+size_t usableSize(const void* /*block*/, size_t size) {
+  if (size == 0) size = 1;
+  const size_t index = (size - 1) / 8;
+  if (index >= std::size(smallSizes)) return jenallocx(size, 0);
+  uint16_t known = smallSizes[index].load(std::memory_order_relaxed);
+  if (known == 0) {
+    known = static_cast<uint16_t>(jenallocx(size, 0));
+    smallSizes[index].store(known, std::memory_order_relaxed);
+  }
+  return known;
+}
 
 uint64_t pageSize() { return ActiveBytes::pageSizeOfJemalloc(); }
 
@@ -112,8 +134,11 @@ uint64_t chunkSize() {
   return size;
 }
 
-void prepareSizeInUse() { activeBytes(); }
-uint64_t sizeInUse() { return activeBytes().read(); }
+void prepareSizeInUse() { makeActiveBytes(); }
+uint64_t sizeInUse() {
+  const ActiveBytes* made = activeBytes.load(std::memory_order_acquire);
+  return (made != nullptr ? *made : makeActiveBytes()).read();
+}
 
 // Where the kernel counts every mapping against its limit, jemalloc makes pages that it gives back
 // inaccessible. It decides so by the same file.
