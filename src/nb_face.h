@@ -42,7 +42,7 @@ class JavaBytes {
   jbyteArray array() const { return array_; }
   jsize length() const { return length_; }
   void copyTo(uint8_t* target) const {
-    if (bytes_ != nullptr) {
+    if (env_ == nullptr) {
       std::memcpy(target, bytes_, static_cast<size_t>(length_));
     } else {
       env_->GetByteArrayRegion(array_, 0, length_, reinterpret_cast<jbyte*>(target));

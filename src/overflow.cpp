@@ -313,6 +313,7 @@ bool overflow_metadata_splice_out(JNIEnv* env, overflow_metadata* node, bool loc
     }
     if (tryNeighbours(env, node)) break;
     overflow_metadata_unlock(env, kSplice, node);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): glibc's generator locks itself, and any number will do
     usleep(static_cast<useconds_t>(std::rand() % kBackOffMicroseconds + 1));
     // Without the node its depth is another thread's business.
     if (!overflow_metadata_lock(env, kSplice, node)) return false;
