@@ -1,7 +1,7 @@
 /** Keeps the entries of a data grid outside the Java heap. */
 module com.velt.rz.corvane.nimbra {
     requires jdk.jfr;
-    requires static jdk.unsupported;
+    requires jdk.unsupported;
     requires transitive java.management;
 
     exports com.velt.rz.corvane.io.offheap;
