@@ -4,6 +4,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.nio.ByteBuffer;
 import java.util.ArrayList;
+import java.util.Arrays;
 import java.util.List;
 import java.util.Random;
 import java.util.concurrent.ExecutionException;
@@ -29,6 +30,15 @@ import org.junit.jupiter.params.provider.CsvSource;
 class UnlockedReadsConcurrencyTest {
     private static final int READERS = 3;
     private static final int KEYS = 32;
+
+    /** Bytes of a value that takes as much memory as an entry's record. */
+    private static final int RECORD_DATA = 64;
+
+    /** Answers without which a test has seen too little of what it is about. */
+    private static final long ENOUGH = 20_000;
+
+    private static final long LAST_CHANCE = TimeUnit.SECONDS.toNanos(20);
+
     private static final long NANOS = TimeUnit.MILLISECONDS.toNanos(1_000);
 
     private final ExecutorService threads = Executors.newCachedThreadPool();
@@ -72,12 +82,27 @@ class UnlockedReadsConcurrencyTest {
         }
     }
 
+    /**
+     * Many keys in few chains, which records leave in front of those that are looked for. Their memory is taken at once by
+     * values of the same size, where the next record's address would be read as none, or as one that is not mapped.
+     */
+    @Test
+    void keysThatStayAreFoundBehindRecordsThatAreFreed() throws Exception {
+        try (OffHeapMap map =
+                OffHeapMap.builder().partitions(1).bucketSets(1).loadFactor(64).build()) {
+            fill(map);
+            List<Future<?>> running = startReaders(map);
+            running.add(threads.submit(() -> reuseRecords(map)));
+            finish(running);
+        }
+    }
+
     /** Each round the tables grow from nothing, so that buckets move under the readers. */
     @ParameterizedTest
     @CsvSource({"1, 1", "1, 64", "16, 16"})
     void keysThatStayAreFoundWhileTheTablesGrow(int partitions, int bucketSets) throws Exception {
-        long end = System.nanoTime() + NANOS;
-        while (System.nanoTime() < end) {
+        long start = System.nanoTime();
+        while (!isEnough(start)) {
             try (OffHeapMap map = newMap(partitions, bucketSets)) {
                 fill(map);
                 stop.set(false);
@@ -137,8 +162,8 @@ class UnlockedReadsConcurrencyTest {
         int keys = 64;
         int perRound = 1 << 20;
         AtomicLong closed = new AtomicLong();
-        long end = System.nanoTime() + NANOS;
-        for (int round = 0; System.nanoTime() < end; round++) {
+        long start = System.nanoTime();
+        for (int round = 0; !isEnough(start); round++) {
             int tag = round % 1000;
             AtomicBoolean done = new AtomicBoolean();
             AtomicLong reads = new AtomicLong();
@@ -178,7 +203,7 @@ class UnlockedReadsConcurrencyTest {
             }
         }
         assertTrue(closed.get() > 3, closed + " rounds");
-        assertTrue(answered.get() > 1_000, this::counts);
+        assertOftenAnswered();
     }
 
     /** A map whose reads fall back as they must answers like any other, until it is closed. */
@@ -305,6 +330,21 @@ class UnlockedReadsConcurrencyTest {
         }
     }
 
+    private void reuseRecords(OffHeapMap map) {
+        Random random = new Random(1);
+        byte[] noAddress = new byte[RECORD_DATA];
+        Arrays.fill(noAddress, (byte) 0x5a);
+        byte[][] values = {new byte[RECORD_DATA], noAddress};
+        while (!stop.get()) {
+            byte[] key = StressValues.key(KEYS + random.nextInt(2 * KEYS));
+            if (map.remove(key)) {
+                map.put(StressValues.key(3 * KEYS), values[random.nextInt(2)]);
+            } else {
+                map.put(key, values[random.nextInt(2)]);
+            }
+        }
+    }
+
     private static void put(UnlockedTables tables, int keys, int generation) {
         for (int number = 0; number < keys; number++) {
             tables.put(
@@ -322,8 +362,8 @@ class UnlockedReadsConcurrencyTest {
     // ---- Threads -----------------------------------------------------------------------------
 
     private void finish(List<Future<?>> running) throws Exception {
-        long end = System.nanoTime() + NANOS;
-        while (System.nanoTime() < end && running.stream().noneMatch(Future::isDone)) {
+        long start = System.nanoTime();
+        while (!isEnough(start) && running.stream().noneMatch(Future::isDone)) {
             TimeUnit.MILLISECONDS.sleep(1);
         }
         stop.set(true);
@@ -333,9 +373,14 @@ class UnlockedReadsConcurrencyTest {
         assertOftenAnswered();
     }
 
-    /** Else the tests above would have seen little of what they are about. */
+    private boolean isEnough(long start) {
+        long passed = System.nanoTime() - start;
+        return passed > LAST_CHANCE || passed > NANOS && answered.get() >= ENOUGH;
+    }
+
+    /** A test passes by what the reads answer, not by their falling back. */
     private void assertOftenAnswered() {
-        assertTrue(answered.get() > 1_000 && answered.get() > asked.get() / 10, this::counts);
+        assertTrue(answered.get() >= ENOUGH, this::counts);
     }
 
     private String counts() {
