@@ -20,6 +20,9 @@
 namespace nimbra::test::area {
 
 inline constexpr auto& address = Java_com_velt_rz_corvane_nimbra_CallNatives_address;
+inline constexpr auto& stamps = Java_com_velt_rz_corvane_nimbra_CallNatives_stamps;
+inline constexpr auto& traceLevels = Java_com_velt_rz_corvane_nimbra_CallNatives_traceLevels;
+inline constexpr auto& bucketSets = Java_com_velt_rz_corvane_nimbra_CallNatives_bucketSets;
 inline constexpr auto& get = Java_com_velt_rz_corvane_nimbra_CallNatives_get;
 inline constexpr auto& pin = Java_com_velt_rz_corvane_nimbra_CallNatives_pin;
 inline constexpr auto& containsKey = Java_com_velt_rz_corvane_nimbra_CallNatives_containsKey;

@@ -5,6 +5,8 @@
 #include "call_natives.h"
 #include "com_velt_rz_corvane_nimbra_OverflowNatives.h"
 #include "fault_harness.h"
+#include "nb_alloc_backend.h"
+#include "nb_stamp.h"
 
 namespace nimbra::test::fault {
 namespace {
@@ -171,6 +173,24 @@ void addCalls(std::vector<Case>& cases) {
                      EXPECT_EQ(found, address(w.words.data()));
                      return found;
                    }});
+  cases.push_back({.native = "CallNatives.stamps",
+                   .call = [](World& w) -> jlong {
+                     const jlong found = area::stamps(w.env, nullptr);
+                     EXPECT_EQ(found, backend::keepsAddresses() ? address(setStamps) : 0);
+                     return found;
+                   },
+                   .failure = std::nullopt});
+  cases.push_back({.native = "CallNatives.traceLevels", .call = [](World& w) -> jlong {
+                     const jlong found = area::traceLevels(w.env, nullptr);
+                     EXPECT_EQ(found, address(&logInfo));
+                     return found;
+                   }});
+  addBoth(cases,
+          {.native = "CallNatives.bucketSets", .arrange = filled, .call = [](World& w) -> jlong {
+             const jlong found = area::bucketSets(w.env, nullptr, w.handle());
+             EXPECT_EQ(found, address(getBucketSetByIndex(w.map->map, 0)));
+             return found;
+           }});
   using Write = jint (*)(JNIEnv*, jclass, jlong, jlong, jint, jint, jint, jlong);
   const auto write = [&cases](const char* native, const char* variant, Write operation,
                               std::string_view key) {

@@ -113,6 +113,46 @@ class PhantomWindowsTest extends NativeTestBase {
         }
     }
 
+    /** Stretches that are a multiple of 64 windows apart are looked for at one place of the table. */
+    @Test
+    void addressesThatMeetInTheTableKeepTheirWindows() {
+        long first = UNMAPPED + (1000L << 30) + 12345;
+        int before = PhantomWindows.windowCount();
+        for (int round = 0; round < 3; round++) {
+            for (int far = 0; far < 3; far++) {
+                long address = first + far * (64L << 30);
+                PhantomWindows.prepare(address);
+                assertEquals(address, MANAGER.getOffHeapAddressImpl(PhantomWindows.slice(address, 10)));
+                assertEquals(address, MANAGER.getOffHeapAddressImpl(PhantomWindows.readOnlySlice(address, 10)));
+            }
+        }
+        assertEquals(before + 3, PhantomWindows.windowCount());
+    }
+
+    @Test
+    void aPreparedWindowIsTheOneThatIsUsed() {
+        long address = UNMAPPED + (2000L << 30);
+        int before = PhantomWindows.windowCount();
+        PhantomWindows.prepare(address);
+        assertEquals(before + 1, PhantomWindows.windowCount());
+        PhantomWindows.prepare(address + PhantomWindows.MAX_LENGTH - 1);
+        PhantomWindows.slice(address + 1, 1);
+        assertEquals(before + 1, PhantomWindows.windowCount());
+    }
+
+    @Test
+    void aCopyIsAnArrayOfThatLength() {
+        ByteBuffer block = block(PLAIN, BINARY, bytes(1, 2, 3, 4, 5));
+        assertArrayEquals(bytes(2, 3, 4), PhantomWindows.copy(address(block) + 1, 3L));
+        assertArrayEquals(bytes(), PhantomWindows.copy(address(block), 0L));
+        free(block);
+    }
+
+    @Test
+    void aCopyLongerThanAnArrayIsRefused() {
+        assertThrows(ArithmeticException.class, () -> PhantomWindows.copy(UNMAPPED, 1L << 32));
+    }
+
     @Test
     void threadsShareTheirWindows() throws InterruptedException {
         long start = UNMAPPED + (200L << 30);
