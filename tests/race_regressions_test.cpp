@@ -4,12 +4,23 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string_view>
 #include <thread>
+#include <vector>
 
+#include "bounded_support.h"
+#include "com_velt_rz_corvane_nimbra_OverflowNatives.h"
+#include "disk_support.h"
 #include "evictqueue_support.h"
 #include "face_support.h"
 #include "manager_natives.h"
-#include "overflow_support.h"
+#include "overflow_natives.h"
 
 namespace nimbra::test {
 namespace {
@@ -127,6 +138,204 @@ TEST_F(TouchBesideAPin, TheRevisionReadIsOneThatWasSet) {
     calls.unpin(pinned);
   }
   touching.join();
+}
+
+// ---- Evictions beside a holder of the record -----------------------------------------------
+
+constexpr std::string_view kValue = "value";
+constexpr jlong kRevision = 3;
+const Chunk kChunk;
+
+// The value comes back from disk in the steps of the contract with Java.
+void bringBackAsTheContract(OverflowThread& java, LuOffHeapValue* record) {
+  ByteBufferHeader* read = allocateByteBufferData(java.env, kValue.size(), "DirectByteBuffer");
+  ASSERT_NE(read, nullptr);
+  pin(java.env, read, ALLOCATION_PIN);
+  std::copy(kValue.begin(), kValue.end(), bufferData(read));
+  const jobject bytes = java.jni.newDirectBuffer(bufferData(read), kValue.size());
+  const jlong handle = natives::handle(record);
+  EXPECT_NE(natives::lockBucketSetAndMetadata(java.env, nullptr, handle), 1);
+  natives::valueToLuOffHeapValue(java.env, nullptr, bytes, handle);
+  EXPECT_EQ(natives::unlockBucketSetAndMetadata(java.env, nullptr, handle), 0);
+}
+
+void bringBackAsTheFace(OverflowThread& java, LuOffHeapValue* record) {
+  std::vector<uint8_t> payload(disk::kPayloadHeader + kValue.size());
+  std::copy(kValue.begin(), kValue.end(), payload.begin() + disk::kPayloadHeader);
+  EXPECT_EQ(Java_com_velt_rz_corvane_nimbra_OverflowNatives_pageIn(
+                java.env, nullptr, natives::handle(record), java.jni.newByteArray(payload),
+                kChunk.position, kRevision, nullptr),
+            1);
+}
+
+struct WayBack {
+  const char* name;
+  void (*bringBack)(OverflowThread& java, LuOffHeapValue* record);
+};
+std::ostream& operator<<(std::ostream& out, const WayBack& way) { return out << way.name; }
+
+// A bounded partition with one entry.
+class EvictionBesideAHolder : public PagingTest {
+ protected:
+  void SetUp() override {
+    PagingTest::SetUp();
+    partition.map = map;
+    partition.policy = bounded::kLru;
+    partition.bound = bounded::allocateBound(env, nullptr, 0, 0);
+    partition.queue = natives::allocateEvictionQueue(env, nullptr);
+    bounded.emplace(jni, partition);
+    store();
+  }
+  void TearDown() override {
+    empty();
+    EXPECT_TRUE(natives::freeEvictionQueue(env, nullptr, partition.queue));
+    bounded::freeBound(env, nullptr, partition.bound);
+    PagingTest::TearDown();
+  }
+  void store() {
+    ASSERT_EQ(
+        bounded->put("key", hashOf("key"), kValue, kRevision, kNow, bounded::kNever, bounded::kPut),
+        1);
+    entry = find(map, "key");
+  }
+  void empty() {
+    EXPECT_TRUE(bounded->clear());
+    EXPECT_EQ(bounded::bytes(env, nullptr, partition.bound), 0);
+    EXPECT_EQ(bounded::entries(env, nullptr, partition.bound), 0);
+  }
+  // What a lookup does that finds the value on disk.
+  void pageOutAndHold() {
+    pageOutValue(entry, kChunk);
+    std::vector<jlong> words;
+    ASSERT_EQ(bounded->pin("key", hashOf("key"), kNow, bounded::kKeep, &words),
+              -natives::handle(entry));
+  }
+  std::unique_ptr<bounded::Evicted> evict() { return bounded->evict(1, false, kNow, 1); }
+  void expectTheRecordOnly(const bounded::Evicted& evicted) {
+    ASSERT_EQ(evicted.keys(), (bounded::Keys{"key"}));
+    EXPECT_EQ(evicted.list[0].value.bytes, nullptr);
+    EXPECT_EQ(evicted.list[0].value.length, natives::handle(entry));
+    EXPECT_EQ(evicted.list[0].revision, kRevision);
+    EXPECT_EQ(entry->pins, 2) << "the lookup's and the eviction's";
+  }
+  // The value is in memory again, and goes with the lookup's pin.
+  void expectBackAndLetGo() {
+    EXPECT_EQ(entry->pins, 1);
+    ASSERT_NE(entry->value, nullptr);
+    EXPECT_EQ(bytesOf(entry->value), kValue);
+    EXPECT_EQ(entry->value->pins, 1);
+    EXPECT_EQ(nodeOf(entry)->flags, in_memory | on_disk | recently_used);
+    expectFree(entry);
+    unpinValue(entry, JNI_GET_PIN);
+    ASSERT_EQ(calls.deleting.size(), 1U) << "Java has to free the copy";
+    EXPECT_EQ(calls.deleting[0].at(5), kChunk.position);
+  }
+
+  static constexpr jlong kNow = 1000;
+  bounded::Partition partition;
+  std::optional<bounded::Caller> bounded;
+  LuOffHeapValue* entry = nullptr;
+};
+
+class EvictionBesideAPageIn : public EvictionBesideAHolder,
+                              public ::testing::WithParamInterface<WayBack> {};
+
+// The value comes back between the bucket set and the rest of the eviction, which looked for it
+// only at its end.
+TEST_P(EvictionBesideAPageIn, HandsOverWhatTheEntryHadInsideItsBucketSet) {
+  pageOutAndHold();
+  bool back = false;
+  std::unique_ptr<bounded::Evicted> evicted;
+  {
+    const OnLockOperation behindTheBucketSet([&](const void* lock, LockOp operation) {
+      if (back || lock != &map->lock || operation != LockOp::readLock) return 0;
+      back = true;
+      std::thread([this] {
+        OverflowThread java;
+        GetParam().bringBack(java, entry);
+      }).join();
+      return 0;
+    });
+    evicted = evict();
+  }
+  ASSERT_TRUE(back);
+  expectTheRecordOnly(*evicted);
+  evicted.reset();
+  expectBackAndLetGo();
+}
+
+// The value comes back when the eviction is over. Only the locks of the entry put the one before
+// the other, not the flag that the thread waits for: the thread sanitizer reports what the eviction
+// reads of the entry after it has let them go.
+TEST_P(EvictionBesideAPageIn, ReadsTheValueInsideTheBucketSetOnly) {
+  pageOutAndHold();
+  std::atomic<bool> isOver{false};
+  std::promise<void> arrived;
+  std::unique_ptr<bounded::Evicted> evicted;
+  {
+    static thread_local bool waitsAtTheNode;
+    waitsAtTheNode = false;
+    const OnLockOperation atTheNode([&](const void* lock, LockOp operation) {
+      if (!waitsAtTheNode || lock != &nodeOf(entry)->mutex || operation != LockOp::lock) return 0;
+      waitsAtTheNode = false;
+      arrived.set_value();
+      while (!isOver.load(std::memory_order_relaxed)) std::this_thread::yield();
+      return 0;
+    });
+    std::thread holder([this] {
+      OverflowThread java;
+      waitsAtTheNode = true;
+      GetParam().bringBack(java, entry);
+    });
+    arrived.get_future().wait();
+    evicted = evict();
+    isOver.store(true, std::memory_order_relaxed);
+    holder.join();
+  }
+  expectTheRecordOnly(*evicted);
+  evicted.reset();
+  expectBackAndLetGo();
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, EvictionBesideAPageIn,
+                         ::testing::Values(WayBack{"Contract", bringBackAsTheContract},
+                                           WayBack{"Face", bringBackAsTheFace}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// What an eviction has pinned inside the bucket set it lets go when it cannot finish.
+TEST_F(EvictionBesideAHolder, RefusedRevisionQueueLeavesNoPinBehind) {
+  struct Refusal {
+    const char* name;
+    const void* lock;
+    LockOp operation;
+  };
+  const Refusal refusals[] = {{"map", &map->lock, LockOp::readLock},
+                              {"queue", &map->revisionQueue[0]->mutex, LockOp::lock}};
+  for (const Refusal& refusal : refusals) {
+    for (const bool onDisk : {false, true}) {
+      SCOPED_TRACE(std::string(refusal.name) + (onDisk ? ", on disk" : ", in memory"));
+      if (onDisk) pageOutValue(entry, kChunk);
+      ByteBufferHeader* buffer = entry->value;
+      ASSERT_EQ(buffer == nullptr, onDisk);
+      pin(env, static_cast<Pinnable*>(entry), JNI_GET_PIN);
+      if (buffer != nullptr) pin(env, buffer, JNI_GET_PIN);
+      {
+        const FailThisLock guard(refusal.lock, refusal.operation);
+        EXPECT_EQ(evict()->keys(), bounded::Keys{});
+        EXPECT_EQ(guard.fired(), 1);
+      }
+      jni.clearPending();
+      EXPECT_TRUE(entriesOf(map).empty());
+      EXPECT_EQ(entry->pins, 3) << "two places in the revision queue, and the test's";
+      if (buffer != nullptr) {
+        EXPECT_EQ(buffer->pins, 2) << "the entry's and the test's";
+        unpinToFree(env, buffer, JNI_GET_PIN);
+      }
+      unpinValue(entry, JNI_GET_PIN);
+      empty();
+      store();
+    }
+  }
 }
 
 }  // namespace
