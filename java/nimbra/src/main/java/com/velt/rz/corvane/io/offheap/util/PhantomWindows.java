@@ -95,8 +95,10 @@ public final class PhantomWindows {
      * @param length bytes, 0 to {@link #MAX_LENGTH}
      */
     public static byte[] copy(long address, long length) {
-        byte[] bytes = new byte[Math.toIntExact(length)];
-        copy(address, bytes, 0, bytes.length);
+        int count = Math.toIntExact(length);
+        checkLength(count);
+        byte[] bytes = new byte[count];
+        copy(address, bytes, 0, count);
         return bytes;
     }
 
