@@ -69,7 +69,8 @@ public final class OffHeapMap implements AutoCloseable {
 
     private final ChangeReaders readers;
 
-    private final UnlockedReads reads;
+    /** Seen by tests, which want to know when a read cannot tell. */
+    final UnlockedReads reads;
 
     /** Null without disk overflow. */
     private final OverflowManager overflow = Nimbra.get().overflow();
@@ -644,7 +645,7 @@ public final class OffHeapMap implements AutoCloseable {
         return "OffHeapMap[" + name + "]";
     }
 
-    private long hash(byte[] key) {
+    long hash(byte[] key) {
         return keyedHash.hash(key);
     }
 
