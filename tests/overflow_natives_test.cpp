@@ -620,9 +620,9 @@ TEST_F(LockPair, EachFailureOfTheNodeBehindABusyBucketSetLeavesTheSetFree) {
     {
       const FailLock failure(LockRank::node, LockOp::lock, nth);
       answer = lockBoth();
+      returned = true;
+      watcher.join();  // here, since the holder's unlock asks for the failure, too
     }
-    returned = true;
-    watcher.join();
     EXPECT_EQ(jni.takePending().has_value(), answer == 1);
     if (answer != 1) {
       EXPECT_EQ(answer, handle(node));
