@@ -14,10 +14,11 @@
 
 // Read by jemalloc when it starts. Few arenas keep the sum in sizeInUse short; no extra arena for
 // oversized blocks, which would stand outside it; address space once mapped stays mapped, so that a
-// view kept too long reads stale bytes instead of ending the process; huge pages where the system
-// grants them on request, since most of what a lookup waits for are address translations.
+// view kept too long reads stale bytes instead of ending the process. Huge pages are left to the
+// system's own policy: on request, they make resident what was never used, and the kernel puts
+// pages together again that have been given back.
 extern "C" const char* jemalloc_conf;
-const char* jemalloc_conf = "narenas:4,oversize_threshold:0,retain:true,thp:always";
+const char* jemalloc_conf = "narenas:4,oversize_threshold:0,retain:true";
 
 namespace nimbra::backend {
 

@@ -64,6 +64,9 @@ final class Launcher {
         if (peer == Peer.OHC && jemalloc != null) {
             builder.environment().put("LD_PRELOAD", jemalloc);
         }
+        if (peer == Peer.NIMBRA) {
+            builder.environment().putIfAbsent("JEMALLOC_CONF", "thp:always"); // as its README says for large stores
+        }
         Process process = builder.start();
         Thread ending = new Thread(process::destroyForcibly);
         Runtime.getRuntime().addShutdownHook(ending);
