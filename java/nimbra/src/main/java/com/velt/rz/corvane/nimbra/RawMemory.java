@@ -1,5 +1,6 @@
 package com.velt.rz.corvane.nimbra;
 
+import com.velt.rz.corvane.io.offheap.util.PhantomWindows;
 import java.lang.invoke.MethodHandle;
 import java.lang.invoke.MethodHandles;
 import java.lang.invoke.MethodType;
@@ -24,6 +25,9 @@ final class RawMemory {
     private static final MethodHandle GET_LONG = find("getLong", "OfLong", "JAVA_LONG_UNALIGNED", long.class);
     private static final MethodHandle GET_INT = find("getInt", "OfInt", "JAVA_INT_UNALIGNED", int.class);
     private static final MethodHandle GET_BYTE = find("getByte", "OfByte", "JAVA_BYTE", byte.class);
+
+    /** Bytes beyond which the machine's own copy is faster, for all that has to be done before it begins. */
+    private static final int LONG_COPY = 256;
 
     private RawMemory() {}
 
@@ -60,6 +64,10 @@ final class RawMemory {
 
     /** Fills an array with the bytes from an address on. */
     static void copy(long address, byte[] target) {
+        if (target.length > LONG_COPY) {
+            PhantomWindows.copy(address, target, 0, target.length);
+            return;
+        }
         int at = 0;
         while (target.length - at >= 4 * Long.BYTES) {
             long first = getLong(address + at);

@@ -12,7 +12,7 @@ import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
 
 class RawMemoryTest {
-    private static final int LONGEST = 100;
+    private static final int LONGEST = 300; // also beyond what is copied word by word
 
     private final ByteBuffer memory =
             ByteBuffer.allocateDirect(LONGEST + 2 * Long.BYTES).order(ByteOrder.nativeOrder());
