@@ -240,7 +240,7 @@ class CallMemoryTest {
             List<Thread> running = new ArrayList<>();
             for (int i = 0; i < threads; i++) {
                 Thread thread = new Thread(() -> {
-                    map.get(bytes("key"));
+                    map.put(bytes("key"), bytes("value"));
                     used.countDown();
                     awaitUnchecked(end);
                 });
