@@ -7,7 +7,7 @@
 // read must not be followed before the stamp has been compared once more.
 //
 // Stamps are static, so that they outlive every table, and shared by sets whose addresses meet on
-// one; that costs a reader a second look, never a wrong answer.
+// one; that costs a reader a call of the natives, never a wrong answer.
 #pragma once
 
 #include <atomic>

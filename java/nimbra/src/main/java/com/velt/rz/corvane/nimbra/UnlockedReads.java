@@ -25,7 +25,7 @@ final class UnlockedReads {
     /** Longest value, in bytes, that is copied without a lock; copying a longer one in vain would cost too much. */
     static final int MAX_VALUE = 64 << 10;
 
-    private static final int TRIES = 2;
+    private static final byte[] PRESENT = new byte[0];
 
     // Answers of find that are no address.
     private static final long ABSENT = 0;
@@ -35,8 +35,7 @@ final class UnlockedReads {
     private static final long STAMP_MASK = (1024 - 1) * 64;
     private static final long AT_WORK = 0xffff;
 
-    // Trace levels and what else the ordinary road shows: bytes 0 to 2, and bytes 10 and 11, which are 4 and 5 behind
-    // 6.
+    // Trace levels and what else the ordinary road shows: bytes 0 to 2; bytes 10 and 11, in the word from byte 6 on.
     private static final long LEVELS_0 = 0xff_ffffL;
     private static final long LEVELS_6 = 0xffff_0000_0000L;
 
@@ -84,57 +83,47 @@ final class UnlockedReads {
 
     /** Returns a copy of the key's value, null when the key is absent, or {@link #UNKNOWN}. */
     byte[] get(int partition, byte[] key, int hash) {
-        if (sets == null) {
-            return UNKNOWN;
-        }
-        int mixed = mix(hash);
-        long set = set(partition, mixed);
-        long stampAt = STAMP_AREA + (set & STAMP_MASK);
-        for (int tries = 0; tries < TRIES; tries++) {
-            long stamp = RawMemory.getLong(stampAt);
-            if (!isAtRest(stamp, partition)) {
-                return UNKNOWN;
-            }
-            long stored = find(set, mixed, key, hash, stampAt, stamp);
-            if (stored == ABSENT) {
-                return null;
-            }
-            if (stored != CHANGED) {
-                long length = RawMemory.getLong(stored + BUFFER_LENGTH);
-                if (!isChanged(stampAt, stamp)) {
-                    if (length > MAX_VALUE) {
-                        return UNKNOWN;
-                    }
-                    byte[] value = new byte[(int) length];
-                    RawMemory.copy(stored + BUFFER_DATA, value);
-                    if (!isChanged(stampAt, stamp)) {
-                        return value;
-                    }
-                }
-            }
-        }
-        return UNKNOWN;
+        return read(partition, key, hash, true);
     }
 
     /** Returns 1 when the key is present, 0 when it is absent, or -1 when that cannot be told. */
     int containsKey(int partition, byte[] key, int hash) {
+        byte[] found = read(partition, key, hash, false);
+        return found == UNKNOWN ? -1 : found == null ? 0 : 1;
+    }
+
+    /** As {@link #get}; without {@code wanted}, {@link #PRESENT} in place of the value. */
+    private byte[] read(int partition, byte[] key, int hash, boolean wanted) {
         if (sets == null) {
-            return -1;
+            return UNKNOWN;
         }
         int mixed = mix(hash);
-        long set = set(partition, mixed);
+        long set = sets[partition] + (long) (mixed >>> setShift & setMask) * SET_SIZE;
         long stampAt = STAMP_AREA + (set & STAMP_MASK);
-        for (int tries = 0; tries < TRIES; tries++) {
-            long stamp = RawMemory.getLong(stampAt);
-            if (!isAtRest(stamp, partition)) {
-                return -1;
-            }
-            long stored = find(set, mixed, key, hash, stampAt, stamp);
-            if (stored != CHANGED && !isChanged(stampAt, stamp)) {
-                return stored == ABSENT ? 0 : 1;
-            }
+        long stamp = RawMemory.getLong(stampAt);
+        if (!isAtRest(stamp, partition)) {
+            return UNKNOWN;
         }
-        return -1;
+        long stored = find(set, mixed, key, hash, stampAt, stamp);
+        if (stored == ABSENT) {
+            return null;
+        }
+        if (stored == CHANGED) {
+            return UNKNOWN;
+        }
+        byte[] value = wanted ? copy(stored, stampAt, stamp) : PRESENT;
+        return isChanged(stampAt, stamp) ? UNKNOWN : value;
+    }
+
+    /** Returns what stands in a value's buffer, right or not, or {@link #UNKNOWN}. */
+    private static byte[] copy(long stored, long stampAt, long stamp) {
+        long length = RawMemory.getLong(stored + BUFFER_LENGTH);
+        if (isChanged(stampAt, stamp) || length > MAX_VALUE) {
+            return UNKNOWN;
+        }
+        byte[] value = new byte[(int) length];
+        RawMemory.copy(stored + BUFFER_DATA, value);
+        return value;
     }
 
     /** Returns the address of the key's value, {@link #ABSENT}, or {@link #CHANGED}. The stamp is that from before. */
@@ -168,10 +157,6 @@ final class UnlockedReads {
             }
             entry = RawMemory.getLong(entry + ENTRY_NEXT);
         }
-    }
-
-    private long set(int partition, int mixed) {
-        return sets[partition] + (long) (mixed >>> setShift & setMask) * SET_SIZE;
     }
 
     /** Whether nobody is changing the set, nobody waits to change the partition, and nothing is to be traced. */

@@ -9,6 +9,7 @@ import java.util.List;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 import java.util.stream.Collectors;
+import java.util.stream.IntStream;
 import org.junit.jupiter.api.Tag;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.params.ParameterizedTest;
@@ -31,9 +32,14 @@ class CheckedJniTest {
         return output.lines().filter(line -> WARNING.matcher(line).find()).collect(Collectors.toList());
     }
 
+    /** The failed tests, which the launcher lists at its end; without such a list, the last lines. */
     private static String end(String output) {
         List<String> lines = output.lines().collect(Collectors.toList());
-        return String.join("\n", lines.subList(Math.max(0, lines.size() - 200), lines.size()));
+        int from = IntStream.range(0, lines.size())
+                .filter(i -> lines.get(i).startsWith("Failures ("))
+                .findFirst()
+                .orElse(Math.max(0, lines.size() - 50));
+        return String.join("\n", lines.subList(from, lines.size()));
     }
 
     @Test
