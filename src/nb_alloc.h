@@ -23,12 +23,20 @@ extern Relaxed<bool> _isDiskOverflowEnabled;
 extern Relaxed<jclass> _overflowClass;
 extern Relaxed<jmethodID> _moreMainMemoryNeededID;
 
+// What every thread changes, in a cache line of its own: settings in the same line would have to be
+// fetched from another processor at every read.
+struct alignas(64) AllocationCounters {
+  int64_t blocks;
+  int64_t size;
+  int64_t internalMetadata;
+};
+extern AllocationCounters allocationCounters;
 // Live blocks; always kept.
-extern int64_t allocatingOffHeapBlocks;
+inline constexpr int64_t& allocatingOffHeapBlocks = allocationCounters.blocks;
 // Usable bytes of live blocks; kept only while trackReqSize_Internal is on.
-extern int64_t allocatingOffHeapSize;
+inline constexpr int64_t& allocatingOffHeapSize = allocationCounters.size;
 // Bytes of bookkeeping: table headers, buckets, queues, iterator buffers.
-extern int64_t allocatingInternalMetadataSize;
+inline constexpr int64_t& allocatingInternalMetadataSize = allocationCounters.internalMetadata;
 extern Relaxed<bool> trackReqSize_Internal;
 extern Relaxed<uint64_t> jemallocPageSize;   // 0 until first asked for
 extern Relaxed<uint64_t> jemallocChunkSize;  // 0 until first asked for

@@ -231,7 +231,9 @@ struct ShortCall {
       : map(fromHandle<LuOffHeapMap>(mapHandle)),
         area(fromHandle<CallArea>(areaHandle)),
         key({area->key, keyLength}, hash),
-        use(area->use) {}
+        use(area->use) {
+    prefetchBucket(map->map, static_cast<uint32_t>(hash));
+  }
   LuOffHeapMap* map;
   CallArea* area;
   SearchKey key;

@@ -108,6 +108,12 @@ Bucket* getBucketInBucketSet(BucketSet* set, uint32_t hash) {
   return &set->buckets[hashFn32(hash) & set->bucketMask];
 }
 
+void prefetchBucket(MapHeader* header, uint32_t hash) {
+  BucketSet* set = getBucketSet(header, hash);
+  prefetch(__atomic_load_n(&set->buckets, __ATOMIC_RELAXED) +
+           (hashFn32(hash) & __atomic_load_n(&set->bucketMask, __ATOMIC_RELAXED)));
+}
+
 Pinnable* getFirstEntryByHashCode(MapHeader* header, uint32_t hash, BucketSet** set,
                                   Bucket** bucket) {
   *set = getBucketSet(header, hash);

@@ -178,6 +178,8 @@ BucketSet* getBucketSetByIndex(MapHeader* header, uint32_t index);
 BucketSet* getBucketSet(MapHeader* header, uint32_t hash);
 // REQUIRES: set->mutex held, as for every function that reads a bucket.
 Bucket* getBucketInBucketSet(BucketSet* set, uint32_t hash);
+// Asks for the cache line of the hash's bucket, without a lock: what is read may be out of date.
+void prefetchBucket(MapHeader* header, uint32_t hash);
 Pinnable* getFirstEntryByHashCode(MapHeader* header, uint32_t hash, BucketSet** set,
                                   Bucket** bucket);
 // Results of the mutex call, 0 on success. What is taken to be changed is stamped meanwhile.

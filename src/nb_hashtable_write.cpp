@@ -317,9 +317,9 @@ void rehashMapEntriesIfNecessary(JNIEnv* env, MapHeader* header, BucketSet* set,
   }
   for (uint32_t i = 0; i < newCount; i++) newBuckets[i] = nullptr;
   Bucket* oldBuckets = set->buckets;
-  set->buckets = newBuckets;
+  __atomic_store_n(&set->buckets, newBuckets, __ATOMIC_RELAXED);  // prefetchBucket may read it
   set->bucketCount = newCount;
-  set->bucketMask = newMask;
+  __atomic_store_n(&set->bucketMask, newMask, __ATOMIC_RELAXED);
   for (uint32_t i = 0; i < oldCount; i++) {
     if (i + kRehashAhead < oldCount) prefetchEntry(oldBuckets[i + kRehashAhead]);
     for (Pinnable* entry = oldBuckets[i]; entry != nullptr;) {

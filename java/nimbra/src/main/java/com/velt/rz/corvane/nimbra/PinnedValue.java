@@ -91,9 +91,24 @@ public final class PinnedValue implements AutoCloseable {
     @Override
     public void close() {
         long pinned = (long) HANDLE.getAndSet(this, 0L);
-        if (pinned != 0) {
+        if (pinned != 0 && !unpinHere(pinned)) {
             MapNatives.unpin(pinned);
         }
+    }
+
+    /** Lowers the pin count, the buffer's first word, unless the last pin would go, or somebody wants to see it. */
+    private static boolean unpinHere(long buffer) {
+        if (!RawMemory.isReadable() || !TraceLevels.areOff()) {
+            return false;
+        }
+        long pins = RawMemory.getLong(buffer);
+        while (pins > 1) {
+            if (RawMemory.compareAndSet(buffer, pins, pins - 1)) {
+                return true;
+            }
+            pins = RawMemory.getLong(buffer);
+        }
+        return false;
     }
 
     private void checkOpen(String operation) {

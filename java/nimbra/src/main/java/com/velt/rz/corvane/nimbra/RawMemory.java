@@ -9,7 +9,7 @@ import java.lang.reflect.Field;
 import java.nio.ByteOrder;
 
 /**
- * Reads native memory by address, in native order, without any check: an address that is not mapped ends the process.
+ * Native memory by address, in native order, without any check: an address that is not mapped ends the process.
  *
  * <p>Such a read is one instruction of the processor, where one through a direct buffer is two dozen; a lookup makes
  * fifteen of them. Before JDK 24 it is {@code sun.misc.Unsafe}'s; from there on, where that class warns and is to go, it is a
@@ -25,6 +25,7 @@ final class RawMemory {
     private static final MethodHandle GET_LONG = find("getLong", "OfLong", "JAVA_LONG_UNALIGNED", long.class);
     private static final MethodHandle GET_INT = find("getInt", "OfInt", "JAVA_INT_UNALIGNED", int.class);
     private static final MethodHandle GET_BYTE = find("getByte", "OfByte", "JAVA_BYTE", byte.class);
+    private static final MethodHandle COMPARE_AND_SET = findCompareAndSet();
 
     /** Bytes beyond which the machine's own copy is faster, for all that has to be done before it begins. */
     private static final int LONG_COPY = 256;
@@ -32,7 +33,7 @@ final class RawMemory {
     private RawMemory() {}
 
     static boolean isReadable() {
-        return GET_LONG != null && GET_INT != null && GET_BYTE != null;
+        return GET_LONG != null && GET_INT != null && GET_BYTE != null && COMPARE_AND_SET != null;
     }
 
     static long getLong(long address) {
@@ -54,6 +55,15 @@ final class RawMemory {
     static byte getByte(long address) {
         try {
             return (byte) GET_BYTE.invokeExact(address);
+        } catch (Throwable e) {
+            throw unexpected(e);
+        }
+    }
+
+    /** Replaces a word, at an address that is a multiple of 8, if it is as expected, with the effects of a volatile write. */
+    static boolean compareAndSet(long address, long expected, long value) {
+        try {
+            return (boolean) COMPARE_AND_SET.invokeExact(address, expected, value);
         } catch (Throwable e) {
             throw unexpected(e);
         }
@@ -119,28 +129,57 @@ final class RawMemory {
     }
 
     private static MethodHandle ofUnsafe(String name, Class<?> type) throws ReflectiveOperationException {
-        Class<?> unsafe = Class.forName("sun.misc.Unsafe");
-        Field instance = unsafe.getDeclaredField("theUnsafe");
-        instance.setAccessible(true);
-        return MethodHandles.lookup()
-                .findVirtual(unsafe, name, MethodType.methodType(type, long.class))
-                .bindTo(instance.get(null));
+        return methodOfUnsafe(name, MethodType.methodType(type, long.class));
     }
 
     private static MethodHandle ofSegment(String layoutClass, String layout, Class<?> type)
             throws ReflectiveOperationException {
-        MethodHandles.Lookup lookup = MethodHandles.lookup();
-        Class<?> segments = Class.forName("java.lang.foreign.MemorySegment");
-        Class<?> layouts = Class.forName("java.lang.foreign.ValueLayout");
         Class<?> kind = Class.forName("java.lang.foreign.ValueLayout$" + layoutClass);
-        Object all = segments.getMethod("reinterpret", long.class)
+        MethodHandle get = MethodHandles.lookup()
+                .findVirtual(
+                        Class.forName("java.lang.foreign.MemorySegment"),
+                        "get",
+                        MethodType.methodType(type, kind, long.class));
+        return MethodHandles.insertArguments(get, 0, allMemory(), layout(layout));
+    }
+
+    private static MethodHandle findCompareAndSet() {
+        try {
+            if (Runtime.version().feature() < FIRST_WITH_SEGMENTS) {
+                MethodHandle swap = methodOfUnsafe(
+                        "compareAndSwapLong",
+                        MethodType.methodType(boolean.class, Object.class, long.class, long.class, long.class));
+                return MethodHandles.insertArguments(swap, 0, (Object) null);
+            }
+            Object layout = layout("JAVA_LONG");
+            VarHandle word = (VarHandle) Class.forName("java.lang.foreign.ValueLayout")
+                    .getMethod("varHandle")
+                    .invoke(layout);
+            return word.toMethodHandle(VarHandle.AccessMode.COMPARE_AND_SET).bindTo(allMemory());
+        } catch (ReflectiveOperationException | RuntimeException | LinkageError e) {
+            return null;
+        }
+    }
+
+    private static MethodHandle methodOfUnsafe(String name, MethodType type) throws ReflectiveOperationException {
+        Class<?> unsafe = Class.forName("sun.misc.Unsafe");
+        Field instance = unsafe.getDeclaredField("theUnsafe");
+        instance.setAccessible(true);
+        return MethodHandles.lookup().findVirtual(unsafe, name, type).bindTo(instance.get(null));
+    }
+
+    /** A memory segment over the whole address space. */
+    private static Object allMemory() throws ReflectiveOperationException {
+        Class<?> segments = Class.forName("java.lang.foreign.MemorySegment");
+        return segments.getMethod("reinterpret", long.class)
                 .invoke(segments.getField("NULL").get(null), Long.MAX_VALUE);
-        MethodHandle get = lookup.findVirtual(segments, "get", MethodType.methodType(type, kind, long.class));
-        return MethodHandles.insertArguments(
-                get.bindTo(all), 0, layouts.getField(layout).get(null));
+    }
+
+    private static Object layout(String name) throws ReflectiveOperationException {
+        return Class.forName("java.lang.foreign.ValueLayout").getField(name).get(null);
     }
 
     private static AssertionError unexpected(Throwable e) {
-        return new AssertionError("a read of memory that cannot fail has failed", e);
+        return new AssertionError("an access to memory that cannot fail has failed", e);
     }
 }

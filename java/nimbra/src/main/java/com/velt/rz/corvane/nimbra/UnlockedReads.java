@@ -35,10 +35,6 @@ final class UnlockedReads {
     private static final long STAMP_MASK = (1024 - 1) * 64;
     private static final long AT_WORK = 0xffff;
 
-    // Trace levels and what else the ordinary road shows: bytes 0 to 2; bytes 10 and 11, in the word from byte 6 on.
-    private static final long LEVELS_0 = 0xff_ffffL;
-    private static final long LEVELS_6 = 0xffff_0000_0000L;
-
     // Bucket set: address of the buckets, their number less one.
     private static final int SET_SIZE = 64;
     private static final int SET_BUCKETS = 40;
@@ -54,10 +50,8 @@ final class UnlockedReads {
     private static final int BUFFER_LENGTH = 8;
     private static final int BUFFER_DATA = 24;
 
-    /** The two static areas of the library, which stay as long as it does. No stamps: nothing may be read. */
+    /** Static in the library, and there as long as it is. No stamps: nothing may be read. */
     private static final long STAMP_AREA = RawMemory.isReadable() ? CallNatives.stamps() : 0;
-
-    private static final long LEVELS = CallNatives.traceLevels();
 
     /** The address of each partition's first bucket set; null where nothing may be read. */
     private final long[] sets;
@@ -163,9 +157,7 @@ final class UnlockedReads {
     private boolean isAtRest(long stamp, int partition) {
         VarHandle.acquireFence();
         // The gate after the stamp: a map is closed before its sets are stamped for the last time and freed.
-        return (stamp & AT_WORK) == 0
-                && gates.isOpen(partition)
-                && (RawMemory.getLong(LEVELS) & LEVELS_0 | RawMemory.getLong(LEVELS + 6) & LEVELS_6) == 0;
+        return (stamp & AT_WORK) == 0 && gates.isOpen(partition) && TraceLevels.areOff();
     }
 
     private static boolean isChanged(long stampAt, long stamp) {

@@ -7,6 +7,7 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
+import com.velt.rz.corvane.io.offheap.util.PhantomWindows;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 import java.nio.ReadOnlyBufferException;
@@ -14,6 +15,9 @@ import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import java.util.Random;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.Future;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.concurrent.atomic.AtomicInteger;
@@ -28,6 +32,9 @@ import org.junit.jupiter.api.function.Executable;
 class PinnedValueTest {
     private static final byte[] KEY = bytes("key");
     private static final int STOP = -1;
+
+    /** A buffer begins with its pin count; its data comes so many bytes later. */
+    private static final int PINS_BEFORE_DATA = 24;
 
     @Test
     void viewIsReadOnlyAndDirect() {
@@ -123,6 +130,55 @@ class PinnedValueTest {
     }
 
     /** Two threads close the same value at once; were it unpinned twice, the buffer would go in spite of its other pin. */
+    @Test
+    void everyCloseLowersThePinCountByOne() {
+        try (OffHeapMap map = Nimbra.get().newMap()) {
+            map.put(KEY, bytes("value"));
+            long blocks = Nimbra.get().stats().blocks();
+            PinnedValue first = map.pin(KEY);
+            PinnedValue second = map.pin(KEY);
+            long pins = CallNatives.address(first.buffer()) - PINS_BEFORE_DATA;
+            assertEquals(3, PhantomWindows.getLong(pins), "the entry's and two of ours");
+            second.close();
+            assertEquals(2, PhantomWindows.getLong(pins));
+            map.remove(KEY);
+            assertEquals(1, PhantomWindows.getLong(pins));
+            assertArrayEquals(bytes("value"), read(first.buffer()));
+            long left = Nimbra.get().stats().blocks();
+            first.close();
+            assertEquals(left - 1, Nimbra.get().stats().blocks(), "the last pin frees the value");
+            assertTrue(left < blocks);
+        }
+    }
+
+    @Test
+    void pinsOfManyThreadsAreAllDropped() throws Exception {
+        int threads = 4;
+        try (OffHeapMap map = Nimbra.get().newMap()) {
+            map.put(KEY, bytes("value"));
+            PinnedValue kept = map.pin(KEY);
+            long pins = CallNatives.address(kept.buffer()) - PINS_BEFORE_DATA;
+            ExecutorService pool = Executors.newFixedThreadPool(threads);
+            try {
+                List<Future<?>> running = new ArrayList<>();
+                for (int i = 0; i < threads; i++) {
+                    running.add(pool.submit(() -> {
+                        for (int n = 0; n < 20_000; n++) {
+                            map.pin(KEY).close();
+                        }
+                    }));
+                }
+                for (Future<?> thread : running) {
+                    thread.get();
+                }
+            } finally {
+                pool.shutdown();
+            }
+            assertEquals(2, PhantomWindows.getLong(pins), "the entry's and ours");
+            kept.close();
+        }
+    }
+
     @Test
     void closingAtTheSameTimeUnpinsOnce() throws Exception {
         AtomicReference<PinnedValue> shared = new AtomicReference<>();

@@ -40,6 +40,38 @@ class RawMemoryTest {
     }
 
     @Test
+    void aWordIsSetOnlyWhenItIsAsExpected() {
+        for (int at = 0; at + Long.BYTES <= LONGEST; at += Long.BYTES) {
+            long before = memory.getLong(at);
+            assertFalse(RawMemory.compareAndSet(address + at, before + 1, 42));
+            assertArrayEquals(content, TestRuntime.read(memory.duplicate()));
+            assertTrue(RawMemory.compareAndSet(address + at, before, 42));
+            assertEquals(42, memory.getLong(at));
+            assertTrue(RawMemory.compareAndSet(address + at, 42, before));
+        }
+        assertArrayEquals(content, TestRuntime.read(memory.duplicate()));
+    }
+
+    @Test
+    void noneOfManySettingsIsLost() throws InterruptedException {
+        int times = 200_000;
+        memory.putLong(0, 0);
+        Runnable count = () -> {
+            for (int n = 0; n < times; n++) {
+                long seen = RawMemory.getLong(address);
+                while (!RawMemory.compareAndSet(address, seen, seen + 1)) {
+                    seen = RawMemory.getLong(address);
+                }
+            }
+        };
+        Thread other = new Thread(count);
+        other.start();
+        count.run();
+        other.join();
+        assertEquals(2 * times, memory.getLong(0));
+    }
+
+    @Test
     void copyFillsArraysOfAllLengthsFromAnyAddress() {
         for (int from = 0; from < Long.BYTES; from++) {
             for (int length = 0; length <= LONGEST; length++) {
