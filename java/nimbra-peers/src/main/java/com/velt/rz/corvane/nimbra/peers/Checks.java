@@ -1,5 +1,7 @@
 package com.velt.rz.corvane.nimbra.peers;
 
+import java.nio.file.Files;
+import java.nio.file.Path;
 import java.util.List;
 
 /** Looks at options that both commands have. */
@@ -10,7 +12,7 @@ final class Checks {
 
     /** Returns what keeps the run from being possible, or null. */
     static String whatIsWrong(
-            List<Integer> entries, List<Integer> valueLengths, List<Integer> threads, int repetitions) {
+            List<Integer> entries, List<Integer> valueLengths, List<Integer> threads, int repetitions, Path docs) {
         for (int count : entries) {
             if (count < LEAST_ENTRIES) {
                 return "--entries holds " + count + ", has to be at least " + LEAST_ENTRIES;
@@ -28,6 +30,9 @@ final class Checks {
         }
         if (repetitions < 1) {
             return "--repetitions is " + repetitions + ", has to be at least 1";
+        }
+        if (docs != null && !Files.isRegularFile(docs.resolve("performance.md"))) {
+            return "--docs is " + docs + ", which has no performance.md";
         }
         return null;
     }

@@ -2,16 +2,12 @@ package com.velt.rz.corvane.nimbra.peers;
 
 import java.io.IOException;
 import java.io.PrintStream;
-import java.io.PrintWriter;
-import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Locale;
 import java.util.Map;
-import java.util.concurrent.Callable;
-import picocli.CommandLine;
 import picocli.CommandLine.Command;
 import picocli.CommandLine.Option;
 
@@ -23,7 +19,7 @@ import picocli.CommandLine.Option;
         name = "peers",
         sortOptions = false,
         description = "Measures Nimbra's map beside the stores that an application would otherwise choose.")
-public final class PeersMain implements Callable<Integer> {
+public final class PeersMain extends PeerCommand {
     private static final int QUICK_ENTRIES = 100_000;
 
     @Option(
@@ -75,15 +71,8 @@ public final class PeersMain implements Callable<Integer> {
             description = "Also puts tables and plots into DIR/performance.md and DIR/images.")
     private Path docs;
 
-    @Option(names = "--help", usageHelp = true, description = "Shows this text.")
-    private boolean help;
-
-    private final PrintStream out;
-    private final PrintStream err;
-
     PeersMain(PrintStream out, PrintStream err) {
-        this.out = out;
-        this.err = err;
+        super(out, err);
     }
 
     /** Runs the command and ends the process. */
@@ -92,10 +81,7 @@ public final class PeersMain implements Callable<Integer> {
     }
 
     static int execute(PrintStream out, PrintStream err, String... arguments) {
-        return new CommandLine(new PeersMain(out, err))
-                .setOut(new PrintWriter(out, true))
-                .setErr(new PrintWriter(err, true))
-                .execute(arguments);
+        return new PeersMain(out, err).run(arguments);
     }
 
     @Override
@@ -109,29 +95,22 @@ public final class PeersMain implements Callable<Integer> {
         List<Peer> peers;
         List<Workload> selected;
         try {
-            peers = impls == null
-                    ? List.of(Peer.values())
-                    : impls.stream().map(Peer::of).toList();
+            peers = peers(impls);
             selected = workloads == null
                     ? List.of(Workload.values())
                     : workloads.stream().map(Workload::of).toList();
         } catch (IllegalArgumentException e) {
             return refuse(e.getMessage());
         }
-        String wrong = Checks.whatIsWrong(List.of(entries), valueLengths, threads, repetitions);
-        if (wrong == null && docs != null && !Files.isRegularFile(docs.resolve("performance.md"))) {
-            wrong = "--docs is " + docs + ", which has no performance.md";
-        }
+        String wrong = Checks.whatIsWrong(List.of(entries), valueLengths, threads, repetitions, docs);
         if (wrong != null) {
             return refuse(wrong);
         }
         List<PeerResult> results = new ArrayList<>();
         List<LeftOut> leftOut = new ArrayList<>();
-        long start = System.nanoTime();
         measure(peers, selected, results, leftOut);
-        report(results, leftOut, (System.nanoTime() - start) / 1_000_000_000);
-        boolean wanted = peers.contains(Peer.NIMBRA);
-        return results.stream().anyMatch(result -> !wanted || result.impl().equals(Peer.NIMBRA.id())) ? 0 : 1;
+        report(results, leftOut);
+        return status(peers, results.stream().map(PeerResult::impl));
     }
 
     private void measure(List<Peer> peers, List<Workload> selected, List<PeerResult> results, List<LeftOut> leftOut)
@@ -174,7 +153,7 @@ public final class PeersMain implements Callable<Integer> {
         }
     }
 
-    private void report(List<PeerResult> results, List<LeftOut> leftOut, long seconds) throws IOException {
+    private void report(List<PeerResult> results, List<LeftOut> leftOut) throws IOException {
         PeerResult.writeJson(output.resolve("peers.json"), results);
         List<Map<String, Object>> reasons = new ArrayList<>();
         for (LeftOut store : leftOut) {
@@ -186,45 +165,15 @@ public final class PeersMain implements Callable<Integer> {
             reasons.add(object);
         }
         PeerResult.writeObjects(output.resolve("peers-left-out.json"), reasons);
-        List<String> head = List.of(
-                String.format(
-                        Locale.ROOT,
-                        "%,d entries, keys of %d bytes; %s; %d:%02d minutes",
-                        entries,
-                        Keys.KEY_BYTES,
-                        Machine.describe(),
-                        seconds / 60,
-                        seconds % 60),
-                "");
-        List<String> tables = PeerTables.of(results, leftOut);
-        List<String> lines = new ArrayList<>(head);
-        lines.addAll(tables);
-        Files.write(output.resolve("peers.md"), lines);
-        List<String> images = new ArrayList<>();
+        List<Plot> plots = new ArrayList<>();
         for (int count : threads) {
-            String name = "peers-" + count + (count == 1 ? "-thread.svg" : "-threads.svg");
-            String plot = PeerChart.of(results, count);
-            Files.writeString(output.resolve(name), plot);
-            if (docs != null) {
-                Files.writeString(
-                        Files.createDirectories(docs.resolve("images")).resolve(name), plot);
-            }
-            images.add("![Throughput with " + count + (count == 1 ? " thread" : " threads") + "](images/" + name + ")");
-            images.add("");
+            String words = count + (count == 1 ? " thread" : " threads");
+            plots.add(new Plot(
+                    "peers-" + words.replace(' ', '-') + ".svg",
+                    "Throughput with " + words,
+                    PeerChart.of(results, count)));
         }
-        if (docs != null) {
-            List<String> section = new ArrayList<>(head);
-            section.addAll(images);
-            section.addAll(tables);
-            GeneratedSection.replace(docs.resolve("performance.md"), "peers", section);
-        }
-        out.println();
-        lines.forEach(out::println);
-        out.flush();
-    }
-
-    private int refuse(String reason) {
-        err.println("peers: " + reason);
-        return 2;
+        String measured = String.format(Locale.ROOT, "%,d entries, keys of %d bytes", entries, Keys.KEY_BYTES);
+        publish(output, docs, measured, PeerTables.of(results, leftOut), plots);
     }
 }

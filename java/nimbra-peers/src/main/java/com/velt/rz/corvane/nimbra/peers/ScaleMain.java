@@ -2,15 +2,12 @@ package com.velt.rz.corvane.nimbra.peers;
 
 import java.io.IOException;
 import java.io.PrintStream;
-import java.io.PrintWriter;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Comparator;
 import java.util.List;
 import java.util.Locale;
-import java.util.concurrent.Callable;
-import picocli.CommandLine;
 import picocli.CommandLine.Command;
 import picocli.CommandLine.Option;
 
@@ -23,7 +20,7 @@ import picocli.CommandLine.Option;
         name = "scale",
         sortOptions = false,
         description = "Measures cost and memory from 10,000 to 10,000,000 entries, beside other stores.")
-public final class ScaleMain implements Callable<Integer> {
+public final class ScaleMain extends PeerCommand {
     private static final long ENTRIES_IN_PASSES = 2_000_000;
     private static final int MOST_PASSES = 20;
 
@@ -67,15 +64,8 @@ public final class ScaleMain implements Callable<Integer> {
             description = "Also puts tables and the plot into DIR/performance.md and DIR/images.")
     private Path docs;
 
-    @Option(names = "--help", usageHelp = true, description = "Shows this text.")
-    private boolean help;
-
-    private final PrintStream out;
-    private final PrintStream err;
-
     ScaleMain(PrintStream out, PrintStream err) {
-        this.out = out;
-        this.err = err;
+        super(out, err);
     }
 
     /** Runs the command and ends the process. */
@@ -84,10 +74,7 @@ public final class ScaleMain implements Callable<Integer> {
     }
 
     static int execute(PrintStream out, PrintStream err, String... arguments) {
-        return new CommandLine(new ScaleMain(out, err))
-                .setOut(new PrintWriter(out, true))
-                .setErr(new PrintWriter(err, true))
-                .execute(arguments);
+        return new ScaleMain(out, err).run(arguments);
     }
 
     @Override
@@ -97,16 +84,11 @@ public final class ScaleMain implements Callable<Integer> {
         }
         List<Peer> peers;
         try {
-            peers = impls == null
-                    ? List.of(Peer.values())
-                    : impls.stream().map(Peer::of).toList();
+            peers = peers(impls);
         } catch (IllegalArgumentException e) {
             return refuse(e.getMessage());
         }
-        String wrong = Checks.whatIsWrong(entries, List.of(valueLength), List.of(1), 1);
-        if (wrong == null && docs != null && !Files.isRegularFile(docs.resolve("performance.md"))) {
-            wrong = "--docs is " + docs + ", which has no performance.md";
-        }
+        String wrong = Checks.whatIsWrong(entries, List.of(valueLength), List.of(1), 1, docs);
         NativeScale natives = new NativeScale(nativeProgram);
         if (wrong == null && !natives.exists()) {
             wrong = nativeProgram + ", which measures native maps, is missing: make bench-scale builds it, and --native"
@@ -117,7 +99,6 @@ public final class ScaleMain implements Callable<Integer> {
         }
         List<ScaleResult> results = new ArrayList<>();
         List<LeftOut> leftOut = new ArrayList<>();
-        long start = System.nanoTime();
         for (int count : entries.stream().sorted().toList()) {
             for (Peer peer : peers) {
                 measure(peer, count, results, leftOut);
@@ -134,9 +115,8 @@ public final class ScaleMain implements Callable<Integer> {
             }
         }
         results.sort(Comparator.comparing(ScaleResult::entries)); // keeps the order of stores
-        report(results, leftOut, (System.nanoTime() - start) / 1_000_000_000);
-        boolean wanted = peers.contains(Peer.NIMBRA);
-        return results.stream().anyMatch(result -> !wanted || result.impl().equals(Peer.NIMBRA.id())) ? 0 : 1;
+        report(results, leftOut);
+        return status(peers, results.stream().map(ScaleResult::impl));
     }
 
     private void measure(Peer peer, int count, List<ScaleResult> results, List<LeftOut> leftOut) throws IOException {
@@ -179,40 +159,12 @@ public final class ScaleMain implements Callable<Integer> {
         out.flush();
     }
 
-    private void report(List<ScaleResult> results, List<LeftOut> leftOut, long seconds) throws IOException {
+    private void report(List<ScaleResult> results, List<LeftOut> leftOut) throws IOException {
         Files.createDirectories(output);
         ScaleResult.writeJson(output.resolve("scale.json"), results);
-        List<String> head = List.of(
-                String.format(
-                        Locale.ROOT,
-                        "keys of %d bytes, values of %d, one thread; %s; %d:%02d minutes",
-                        Keys.KEY_BYTES,
-                        valueLength,
-                        Machine.describe(),
-                        seconds / 60,
-                        seconds % 60),
-                "");
-        List<String> tables = ScaleTables.of(results, leftOut);
-        List<String> lines = new ArrayList<>(head);
-        lines.addAll(tables);
-        Files.write(output.resolve("scale.md"), lines);
-        String plot = ScaleChart.of(results);
-        Files.writeString(output.resolve("scale.svg"), plot);
-        if (docs != null) {
-            Files.writeString(Files.createDirectories(docs.resolve("images")).resolve("scale.svg"), plot);
-            List<String> section = new ArrayList<>(head);
-            section.add("![Cost by the number of entries](images/scale.svg)");
-            section.add("");
-            section.addAll(tables);
-            GeneratedSection.replace(docs.resolve("performance.md"), "scale", section);
-        }
-        out.println();
-        lines.forEach(out::println);
-        out.flush();
-    }
-
-    private int refuse(String reason) {
-        err.println("scale: " + reason);
-        return 2;
+        String measured =
+                String.format(Locale.ROOT, "keys of %d bytes, values of %d, one thread", Keys.KEY_BYTES, valueLength);
+        Plot plot = new Plot("scale.svg", "Cost by the number of entries", ScaleChart.of(results));
+        publish(output, docs, measured, ScaleTables.of(results, leftOut), List.of(plot));
     }
 }
