@@ -5,9 +5,9 @@ import com.github.benmanes.caffeine.cache.Caffeine;
 
 /**
  * Caffeine on the heap, bounded, since an unbounded one is a plain map: to twice the entries, so that its policy works
- * and evicts nothing. Arrays are cloned on the way in and on the way out.
+ * and evicts nothing.
  */
-final class CaffeinePeer implements PeerStore {
+final class CaffeinePeer extends OnHeapPeer {
     private final Cache<BytesKey, byte[]> cache;
 
     CaffeinePeer(Sizing sizing) {
@@ -15,14 +15,13 @@ final class CaffeinePeer implements PeerStore {
     }
 
     @Override
-    public byte[] get(byte[] key) {
-        byte[] value = cache.getIfPresent(new BytesKey(key));
-        return value == null ? null : value.clone();
+    byte[] find(BytesKey key) {
+        return cache.getIfPresent(key);
     }
 
     @Override
-    public void put(byte[] key, byte[] value) {
-        cache.put(new BytesKey(key.clone()), value.clone());
+    void keep(BytesKey key, byte[] value) {
+        cache.put(key, value);
     }
 
     @Override
@@ -34,26 +33,6 @@ final class CaffeinePeer implements PeerStore {
     public long size() {
         cache.cleanUp();
         return cache.estimatedSize();
-    }
-
-    @Override
-    public boolean readsInPlace() {
-        return true;
-    }
-
-    /** A value on the heap is never written again, so that its array may be read as it is. */
-    @Override
-    public long read(byte[] key) {
-        byte[] value = cache.getIfPresent(new BytesKey(key));
-        if (value == null) {
-            throw Words.missing();
-        }
-        return Words.sum(value);
-    }
-
-    @Override
-    public long nativeBytes() {
-        return -1;
     }
 
     @Override

@@ -2,19 +2,18 @@ package com.velt.rz.corvane.nimbra.peers;
 
 import java.util.concurrent.ConcurrentHashMap;
 
-/** A {@link ConcurrentHashMap} with its default options that clones its arrays on the way in and on the way out. */
-final class HeapMapPeer implements PeerStore {
+/** A {@link ConcurrentHashMap} with its default options. */
+final class HeapMapPeer extends OnHeapPeer {
     private final ConcurrentHashMap<BytesKey, byte[]> map = new ConcurrentHashMap<>();
 
     @Override
-    public byte[] get(byte[] key) {
-        byte[] value = map.get(new BytesKey(key));
-        return value == null ? null : value.clone();
+    byte[] find(BytesKey key) {
+        return map.get(key);
     }
 
     @Override
-    public void put(byte[] key, byte[] value) {
-        map.put(new BytesKey(key.clone()), value.clone());
+    void keep(BytesKey key, byte[] value) {
+        map.put(key, value);
     }
 
     @Override
@@ -25,26 +24,6 @@ final class HeapMapPeer implements PeerStore {
     @Override
     public long size() {
         return map.mappingCount();
-    }
-
-    @Override
-    public boolean readsInPlace() {
-        return true;
-    }
-
-    /** A value on the heap is never written again, so that its array may be read as it is. */
-    @Override
-    public long read(byte[] key) {
-        byte[] value = map.get(new BytesKey(key));
-        if (value == null) {
-            throw Words.missing();
-        }
-        return Words.sum(value);
-    }
-
-    @Override
-    public long nativeBytes() {
-        return -1;
     }
 
     @Override
