@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "fault_tables.h"
+#include "nb_prof.h"
 
 extern "C" {
 // Present with the address sanitizer only.
@@ -207,6 +208,9 @@ namespace {
 // ---- Faults ------------------------------------------------------------------------------
 
 constexpr const char* kInjected = "injected by the fault harness";
+
+// So many of the calls that write one record each, where there are many.
+constexpr std::size_t kTriedOfMany = 3;
 
 struct Fault {
   enum Kind { kNone, kMemory, kLimit, kAfterwards, kNull, kThrows } kind = kNone;
@@ -563,6 +567,65 @@ void tryFault(const Case& each, const Fault& fault, const Seen& good) {
   trial.finish();
 }
 
+// The case without a fault, in a world of its own: what it answers and what it asks for.
+void runWithoutFault(const Case& each, bool traced, Seen& good, Demands& demands) {
+  SCOPED_TRACE(each.name() + (traced ? ", traced, no fault" : ", no fault"));
+  if (std::getenv("NIMBRA_FAULTS_VERBOSE") != nullptr) {
+    std::fprintf(stderr, "%s\n", each.name().c_str());
+  }
+  const LeaksOnPurpose leaks(each, Fault{});
+  Fault none;
+  none.traced = traced;
+  Trial trial(each, none);
+  good = trial.seen;
+  demands = trial.demands;
+  EXPECT_FALSE(trial.thrown.has_value()) << *trial.thrown;
+  if (each.failure.has_value()) {
+    ASSERT_NE(good.answer, *each.failure) << "without a fault the case has to succeed";
+  }
+  if (heldBy(each) == nullptr) {
+    trial.world().expectAllFree();
+  }
+  trial.release();
+  expectKept(trial.world(), each, Fault{});
+  trial.finish();
+}
+
+// Of the calls of one function, those that are tried: all, or a few from the first to the last.
+std::vector<int> spread(const std::vector<int>& calls) {
+  const std::size_t count = calls.size();
+  if (count <= kTriedOfMany) return calls;
+  std::vector<int> result;
+  for (std::size_t i = 0; i < kTriedOfMany; ++i) {
+    result.push_back(calls[i * (count - 1) / (kTriedOfMany - 1)]);
+  }
+  return result;
+}
+
+// The faults that a run with these demands can meet.
+std::vector<Fault> faultsOf(const Case& each, const Demands& demands) {
+  std::vector<Fault> faults;
+  for (std::size_t i = 0; i < demands.allocations.size(); ++i) {
+    for (const Fault::Kind kind : {Fault::kMemory, Fault::kLimit, Fault::kAfterwards}) {
+      if (kind == Fault::kAfterwards && each.overflow) continue;  // the limit acts afterwards there
+      faults.push_back({kind, static_cast<int>(i) + 1, demands.allocations[i]});
+    }
+  }
+  std::map<std::string, std::vector<int>> numbers;
+  for (const std::string& slot : demands.calls) {
+    std::vector<int>& of = numbers[slot];
+    of.push_back(static_cast<int>(of.size()) + 1);
+  }
+  for (const auto& [slot, all] : numbers) {
+    if (neverFails(slot)) continue;
+    for (const int nth : each.isReport ? spread(all) : all) {
+      if (!failsByExceptionOnly(slot)) faults.push_back({Fault::kNull, nth, slot});
+      if (!failsByNullOnly(slot)) faults.push_back({Fault::kThrows, nth, slot});
+    }
+  }
+  return faults;
+}
+
 }  // namespace
 
 TEST_P(EveryFault, EndsAsDocumented) {
@@ -571,40 +634,8 @@ TEST_P(EveryFault, EndsAsDocumented) {
   ++counts.cases;
   Seen good;
   Demands demands;
-  {
-    SCOPED_TRACE(each.name() + ", no fault");
-    if (std::getenv("NIMBRA_FAULTS_VERBOSE") != nullptr) {
-      std::fprintf(stderr, "%s\n", each.name().c_str());
-    }
-    const LeaksOnPurpose leaks(each, Fault{});
-    Trial trial(each, Fault{});
-    good = trial.seen;
-    demands = trial.demands;
-    EXPECT_FALSE(trial.thrown.has_value()) << *trial.thrown;
-    if (each.failure.has_value()) {
-      ASSERT_NE(good.answer, *each.failure) << "without a fault the case has to succeed";
-    }
-    const HeldRow* held = heldBy(each);
-    if (held == nullptr) {
-      trial.world().expectAllFree();
-    }
-    trial.release();
-    expectKept(trial.world(), each, Fault{});
-    trial.finish();
-  }
-  for (std::size_t i = 0; i < demands.allocations.size(); ++i) {
-    for (const Fault::Kind kind : {Fault::kMemory, Fault::kLimit, Fault::kAfterwards}) {
-      if (kind == Fault::kAfterwards && each.overflow) continue;  // the limit acts afterwards there
-      tryFault(each, {kind, static_cast<int>(i) + 1, demands.allocations[i]}, good);
-    }
-  }
-  std::map<std::string, int> met;
-  for (const std::string& slot : demands.calls) {
-    const int nth = ++met[slot];
-    if (neverFails(slot)) continue;
-    if (!failsByExceptionOnly(slot)) tryFault(each, {Fault::kNull, nth, slot}, good);
-    if (!failsByNullOnly(slot)) tryFault(each, {Fault::kThrows, nth, slot}, good);
-  }
+  ASSERT_NO_FATAL_FAILURE(runWithoutFault(each, false, good, demands));
+  for (const Fault& fault : faultsOf(each, demands)) tryFault(each, fault, good);
 }
 
 // The logger may fail in the middle of any operation: the record is lost, and nothing else. A
@@ -612,25 +643,14 @@ TEST_P(EveryFault, EndsAsDocumented) {
 // records of an operation a few are tried, spread over all of it.
 TEST_P(EveryFault, OfTheLoggerLosesARecord) {
   const Case& each = GetParam();
-  if (among(each.native, {"OffHeapManager.initializeOffHeap", "OffHeapManager.setLogLevel",
-                          "OffHeapManager.pinTrack", "OffHeapManager.printProfileStats"})) {
-    return;  // they read the levels, or write records themselves: tried above
+  if (each.isReport ||
+      among(each.native, {"OffHeapManager.initializeOffHeap", "OffHeapManager.setLogLevel"})) {
+    return;  // they write records themselves, or read the levels: tried above
   }
-  constexpr std::size_t kTried = 3;
   Seen good;
-  std::vector<std::string> calls;
-  {
-    SCOPED_TRACE(each.name() + ", traced, no fault");
-    Fault none;
-    none.traced = true;
-    Trial trial(each, none);
-    good = trial.seen;
-    calls = trial.demands.calls;
-    EXPECT_FALSE(trial.thrown.has_value()) << *trial.thrown;
-    trial.release();
-    expectKept(trial.world(), each, Fault{});
-    trial.finish();
-  }
+  Demands demands;
+  ASSERT_NO_FATAL_FAILURE(runWithoutFault(each, true, good, demands));
+  const std::vector<std::string>& calls = demands.calls;
   // A record is a look-up, an array, its characters, and the call.
   std::map<std::string, int> met;
   std::map<std::string, std::vector<int>> sites;
@@ -644,11 +664,45 @@ TEST_P(EveryFault, OfTheLoggerLosesARecord) {
   }
   for (const auto& [slot, numbers] : sites) {
     const Fault::Kind kind = slot == "GetStaticMethodID" ? Fault::kNull : Fault::kThrows;
-    const std::size_t step = (numbers.size() + kTried - 1) / kTried;
-    for (std::size_t i = 0; i < numbers.size(); i += step) {
-      tryFault(each, {kind, numbers[i], slot, true}, good);
-    }
+    for (const int nth : spread(numbers)) tryFault(each, {kind, nth, slot, true}, good);
   }
+}
+
+namespace {
+
+// Calls `body` from a stack that is `more` frames deeper.
+[[gnu::noinline]] void deeper(int more, const std::function<void()>& body) {
+  if (more == 0) return body();
+  deeper(more - 1, body);
+  EXPECT_GT(more, 0);  // behind the call, so that it leaves a frame
+}
+
+}  // namespace
+
+// The number of faults has to say what the cases are, not which tests ran before in the process:
+// the report of all profiles writes a record for each that any test has made, and the one of pins
+// one for every frame of the stack.
+TEST(FaultHarness, TriesTheSameFaultsWhateverTheProcessHasDone) {
+  const auto planOf = [](const Case& each) {
+    Seen good;
+    Demands demands;
+    runWithoutFault(each, false, good, demands);
+    std::vector<std::string> plan;
+    for (const Fault& fault : faultsOf(each, demands)) {
+      // By its function only: of more records, other ones are tried.
+      plan.push_back(fault.label());
+    }
+    return plan;
+  };
+  const std::vector<Case> cases = managerCases();
+  std::vector<std::vector<std::string>> before;
+  for (const Case& each : cases) before.push_back(planOf(each));
+  for (int i = 0; i < 5; ++i) ASSERT_NE(allocateNativeProf(10, 1, "of another test"), nullptr);
+  deeper(5, [&] {
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+      EXPECT_EQ(planOf(cases[i]), before[i]) << cases[i].name();
+    }
+  });
 }
 
 // ---- Completeness ------------------------------------------------------------------------

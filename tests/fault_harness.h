@@ -132,6 +132,9 @@ struct Case {
   std::optional<jlong> failure = 0;
   // The same call can be made again in the same world once the fault is gone.
   bool again = true;
+  // Writes records of one kind, as many as the process has profiles or the stack has frames: a few
+  // of them are tried, so that the faults of a case are the same in every run.
+  bool isReport = false;
 
   std::string name() const;
 };

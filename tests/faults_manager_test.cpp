@@ -3,6 +3,7 @@
 #include "fault_harness.h"
 #include "nb_logging.h"
 #include "nb_pintrack.h"
+#include "nb_prof.h"
 
 namespace nimbra::test::fault {
 namespace {
@@ -19,6 +20,18 @@ Case reads(const char* native, Call call, Arrange arrange = nullptr) {
 }
 
 void oneBuffer(World& world) { world.object = world.keptBuffer("some bytes"); }
+
+// Profiles live as long as the process, so once is enough; with them a report is long enough for
+// all that is tried of it, whichever tests ran before.
+void makeProfiles() {
+  static const bool made = [] {
+    for (const char* name : {"faults.a", "faults.b", "faults.c"}) {
+      EXPECT_NE(allocateNativeProf(10, 1, name), nullptr);
+    }
+    return true;
+  }();
+  EXPECT_TRUE(made);
+}
 
 }  // namespace
 
@@ -197,15 +210,21 @@ std::vector<Case> managerCases() {
                      Java_com_velt_rz_corvane_io_offheap_OffHeapManager_pinTrack(w.env, w.manager);
                      return 0;
                    },
-                   .failure = std::nullopt});
+                   .failure = std::nullopt,
+                   .isReport = true});
   cases.push_back({.native = "OffHeapManager.printProfileStats",
-                   .arrange = [](World& w) { w.setLevels(kInfoLevel); },
+                   .arrange =
+                       [](World& w) {
+                         makeProfiles();
+                         w.setLevels(kInfoLevel);
+                       },
                    .call = [](World& w) -> jlong {
                      Java_com_velt_rz_corvane_io_offheap_OffHeapManager_printProfileStats(
                          w.env, w.manager);
                      return 0;
                    },
-                   .failure = std::nullopt});
+                   .failure = std::nullopt,
+                   .isReport = true});
 
   // Nothing of these can fail: they read or write one word.
   const std::vector<Case> plain = {
