@@ -2,8 +2,7 @@ package com.velt.rz.corvane.nimbra;
 
 /** What the library traces at the moment; to be asked only where {@link RawMemory#isReadable}. */
 final class TraceLevels {
-    // One byte a level. Bytes 0 to 2 trace calls; 10 and 11 are profiling and pin tracking. The rest is not about
-    // calls.
+    // One byte a level. Bytes 0 to 2 trace calls, 10 and 11 are profiling and pin tracking; the rest shows no call.
     private static final long CALLS = 0xff_ffffL;
     private static final int FROM = 6;
     private static final long PROFILING_AND_PINS = 0xffff_0000_0000L; // in the word from byte 6 on
